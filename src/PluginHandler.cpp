@@ -72,12 +72,12 @@ bool PluginHandler::m_checkTpk(std::string& pkgid, std::string& tpkVersion) {
     record.pkgid = pkgid;
     record.hasForceMetaData = 0;  // the package's force-update metadata is not honoured on this path
     record.appWhiteList = whiteList;
-    PLUGIN_LOG(
-        "insert new data:name[%s]version[%s]path[%s]pkgid[%s]entrypoints[%s]pluginType[%d]hasForceMetadata[%d]"
-        "isupdate[%d]appWhiteList[%s]systempath=[%s]",
+    // clang-format off
+    PLUGIN_LOG("insert new data:name[%s]version[%s]path[%s]pkgid[%s]entrypoints[%s]pluginType[%d]hasForceMetadata[%d]isupdate[%d]appWhiteList[%s]systempath=[%s]",
         record.name.c_str(), record.version.c_str(), record.path.c_str(), record.pkgid.c_str(),
         record.entryPoints.c_str(), record.pluginType, record.hasForceMetaData, record.isUpdate,
         record.appWhiteList.c_str(), record.systemPath.c_str());
+    // clang-format on
     db->InsertPluginDataToDB(record);  // a failed insert does not stop the others
   }
   return true;
