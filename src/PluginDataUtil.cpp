@@ -32,9 +32,10 @@ bool IsExtensionDescription(const Json::Value& element) {
   if (!IsStringLike(element["name"]) || !IsStringLike(element["lib"]) || !IsStringLike(element["version"])) {
     return false;
   }
+  // Entry points are read by index: an object with members cannot be, and a plain value has none.
   const Json::Value& entryPoints = element["entry_points"];
-  if (entryPoints.isNull()) return true;
-  if (!entryPoints.isArray()) return false;
+  if (entryPoints.isObject()) return entryPoints.empty();
+  if (!entryPoints.isArray()) return true;
   for (const Json::Value& entryPoint : entryPoints) {
     if (!IsStringLike(entryPoint)) return false;
   }

@@ -43,6 +43,16 @@ std::vector<std::string> ReadLines(const std::string& path);
 // Number of descriptors this process has open (entries of /proc/self/fd).
 int CountOpenFds();
 
+struct CommandResult {
+  bool exited = false;     // ended by exit (else by a signal)
+  int status = -1;         // exit status, or the signal number
+  std::string output;      // what it wrote to standard output
+};
+
+// Runs a program to its end. `environment` entries "NAME=VALUE" are set for it, "NAME" alone unsets.
+CommandResult RunCommand(const std::vector<std::string>& argv,
+                         const std::vector<std::string>& environment = {});
+
 }  // namespace wup_test
 
 #endif  // WUP_TESTS_SUPPORT_SANDBOX_H_
