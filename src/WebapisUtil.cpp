@@ -1,12 +1,123 @@
 #include "WebapisUtil.h"
 
+#include <json/json.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <type_traits>
+#include <utility>
+
+#include "JsonUtil.h"
+
+namespace {
+
+struct FileCloser {
+  void operator()(FILE* file) const { std::fclose(file); }
+};
+using FileHandle = std::unique_ptr<FILE, FileCloser>;
+
+static_assert(std::is_same_v<decltype(strerror_r(0, std::declval<char*>(), 0)), char*>,
+              "failure lines are laid out for the GNU strerror_r");
+
+// A failed system call as field engineers read it: the number, the message that strerror_r returns,
+// and the buffer handed to it (which the GNU form fills only for numbers it has no text of its own for).
+class SystemError {
+ public:
+  SystemError() : code_(errno) { message_ = strerror_r(code_, buffer_, sizeof(buffer_)); }
+  int code() const { return code_; }
+  const char* message() const { return message_; }
+  const char* buffer() const { return buffer_; }
+
+ private:
+  int code_;
+  char buffer_[256] = {};
+  const char* message_;
+};
+
+}  // namespace
 
 // The platform reports sizes in 32 bits: a file too large for that is treated as unreadable.
 int GetFileSize(const char* path) {
   struct stat st;
   if (stat(path, &st) != 0 || st.st_size > INT32_MAX) return -1;
   return static_cast<int>(st.st_size);
+}
+
+WebapisUtil::WebapisUtil() = default;
+
+WebapisUtil::~WebapisUtil() = default;
+
+bool WebapisUtil::SavePluginUpgradeResult(PluginDataMap& map) {
+  Json::Value document(Json::nullValue);
+  for (auto& entry : map) JsonUtil::MakeUpgradeWebapiJson(document, entry.second);
+  std::string text;
+  JsonUtil::ParseJsonToStr(document, text);
+  // Readers of the result file must never see a half-written text: stage it, then rename over.
+  if (!m_WriteUpgradeWebapiToLocal(strRESULT_FILE_BAK, text)) return false;
+  return m_RenameFile(strRESULT_FILE_BAK, strRESULT_FILE);
+}
+
+bool WebapisUtil::CheckUpgradeResultExist() { return access(strRESULT_FILE.c_str(), F_OK) == 0; }
+
+bool WebapisUtil::m_WriteUpgradeWebapiToLocal(const std::string& path, const std::string& text) {
+  if (access(strRESULT_DIR.c_str(), F_OK) != 0 && !m_CreateDirectory(strRESULT_DIR)) return false;
+  if (m_IsFileSymbolLink(path)) return false;
+
+  const FileHandle file(std::fopen(path.c_str(), "w"));
+  if (!file) {
+    PLUGIN_LOG("open [%s] fail!", path.c_str());
+    return false;
+  }
+  // Even "null" has four characters, so an empty write means the text did not reach the file.
+  if (std::fprintf(file.get(), "%s", text.c_str()) > 0) {
+    PLUGIN_LOG("write json to local path [%s] success!", path.c_str());
+    return true;
+  }
+  PLUGIN_LOG("write json to local path[%s] fail!", path.c_str());
+  return false;
+}
+
+bool WebapisUtil::m_RenameFile(const std::string& source, const std::string& destination) {
+  if (rename(source.c_str(), destination.c_str()) == 0) return true;
+  const SystemError error;
+  PLUGIN_LOG("rename[%s] to[%s] fail!errno [%d,%s,%s]", source.c_str(), destination.c_str(), error.code(),
+             error.message(), error.buffer());
+  return false;
+}
+
+bool WebapisUtil::m_CreateDirectory(const std::string& path) {
+  const int result = mkdir(path.c_str(), 0775);
+  if (result == 0) {
+    PLUGIN_LOG("create [%s] success", path.c_str());
+    return true;
+  }
+  const SystemError error;
+  PLUGIN_LOG("Dest Path [%s] failed to create! return:[%d], errno:[%d, %s, %s]", path.c_str(), result,
+             error.code(), error.message(), error.buffer());
+  return false;
+}
+
+// The plug-in runs with the package manager's privileges, so a link planted at the staging path could
+// make it overwrite any file; such a path, or one that cannot be examined, is never written.
+bool WebapisUtil::m_IsFileSymbolLink(const std::string& path) {
+  struct stat st;
+  if (lstat(path.c_str(), &st) != 0) {
+    if (errno == ENOENT) {
+      PLUGIN_LOG("[%s] NOT exist", path.c_str());
+      return false;
+    }
+    PLUGIN_LOG("lstat [%s] fail", path.c_str());
+    return true;
+  }
+  if (S_ISLNK(st.st_mode)) {
+    PLUGIN_LOG("path [%s] is a symbol link! there's security risk!", path.c_str());
+    return true;
+  }
+  PLUGIN_LOG("[%s] is not a symbol link", path.c_str());
+  return false;
 }

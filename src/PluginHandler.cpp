@@ -1,0 +1,113 @@
+#include "PluginHandler.h"
+
+#include "DBUtil.h"
+#include "PluginDataUtil.h"
+#include "VersionSqliteDB.h"
+#include "WebapisUtil.h"
+
+PluginHandler::PluginHandler() {
+  m_pluginMap.clear();
+  PLUGIN_LOG("PluginHandler::PluginHandler()");
+  PLUGIN_LOG("GetPluginListFromDB");
+  CSingleton<DBUtil>::GetInstance()->GetPluginListFromDB(m_pluginMap);
+}
+
+PluginHandler::~PluginHandler() = default;
+
+// A null id is not tested for: the string constructor throws, and the exception leaves the plug-in.
+void PluginHandler::HandleSingleTpk(const char* pkgid) {
+  std::string id(pkgid);
+  std::string version = strDEFAULT_VERSION;
+  // An unreadable version leaves "0.0.0", which a plug-in not yet recorded also has: nothing is stored.
+  CSingleton<PluginDataUtil>::GetInstance()->GetTPKVersionByID(id, version);
+  PLUGIN_LOG("pkgid = [%s], version = [%s]", id.c_str(), version.c_str());
+
+  if (!m_checkTpk(id, version)) {
+    PLUGIN_LOG("check[%s]fail", id.c_str());
+    return;
+  }
+  // A missing result file is rebuilt even when nothing changed, so the web runtime always finds one.
+  if (CSingleton<DBUtil>::GetInstance()->IsUpdate() ||
+      !CSingleton<WebapisUtil>::GetInstance()->CheckUpgradeResultExist()) {
+    m_RewriteJson();
+  }
+}
+
+bool PluginHandler::m_checkTpk(std::string& pkgid, std::string& tpkVersion) {
+  if (pkgid.empty() || tpkVersion.empty()) {
+    PLUGIN_LOG("empty params");
+    return false;
+  }
+  PluginDataUtil* dataUtil = CSingleton<PluginDataUtil>::GetInstance();
+  PLUGIN_TYPE type = dataUtil->GetPluginType(pkgid);
+  if (type == UNKNOWN_PLUGIN) return false;
+  std::string name;
+  if (!dataUtil->GetPluginNameByID(pkgid, name)) return false;
+
+  std::string localVersion = strDEFAULT_VERSION;
+  const auto recorded = m_pluginMap.find(name);
+  if (recorded != m_pluginMap.end()) localVersion = recorded->second.version;
+  PLUGIN_LOG("tpkVersion[%s], localVersion[%s]", tpkVersion.c_str(), localVersion.c_str());
+
+  // Versions are not ordered: any difference, a downgrade as much as an upgrade, is stored.
+  const bool needInsert = tpkVersion != localVersion;
+  if (!needInsert) PLUGIN_LOG("tpkVersion == localVersion");
+
+  PluginDataMap inserted;
+  if (!dataUtil->MakeInsertedMap(pkgid, name, type, inserted)) {
+    PLUGIN_LOG("Get the inserted list fail");
+    return false;
+  }
+  if (!needInsert) {
+    PLUGIN_LOG("no need insert");
+    return true;
+  }
+
+  std::string whiteList;
+  dataUtil->CheckTPKofAppWhiteList(pkgid, whiteList);
+  DBUtil* db = CSingleton<DBUtil>::GetInstance();
+  for (auto& entry : inserted) {
+    _PluginData& record = entry.second;
+    record.version = tpkVersion;
+    record.pkgid = pkgid;
+    record.hasForceMetaData = 0;  // the package's force-update metadata is not honoured on this path
+    record.appWhiteList = whiteList;
+    // clang-format off
+    PLUGIN_LOG("insert new data:name[%s]version[%s]path[%s]pkgid[%s]entrypoints[%s]pluginType[%d]hasForceMetadata[%d]isupdate[%d]appWhiteList[%s]systempath=[%s]",
+        record.name.c_str(), record.version.c_str(), record.path.c_str(), record.pkgid.c_str(),
+        record.entryPoints.c_str(), record.pluginType, record.hasForceMetaData, record.isUpdate,
+        record.appWhiteList.c_str(), record.systemPath.c_str());
+    // clang-format on
+    db->InsertPluginDataToDB(record);  // a failed insert does not stop the others
+  }
+  return true;
+}
+
+// The record goes by the plug-in name cut from the package id, straight through the database object:
+// the update flag is not involved, so the result file is rebuilt whatever it says.
+void PluginHandler::RemoveTpk(const char* pkgid) {
+  std::string id(pkgid);
+  std::string name;
+  if (!CSingleton<PluginDataUtil>::GetInstance()->GetPluginNameByID(id, name)) {
+    PLUGIN_LOG("get tpk name fail");
+    return;
+  }
+  if (!CSingleton<VersionSqliteDB>::GetInstance()->DeleteDBRecord(name, false, strPLUGIN_TABLE)) {
+    PLUGIN_LOG("remove DB record fail");
+    return;
+  }
+  m_RewriteJson();
+}
+
+bool PluginHandler::m_RewriteJson() {
+  DBUtil* db = CSingleton<DBUtil>::GetInstance();
+  db->GetPluginListFromDB(m_pluginMap);
+  if (CSingleton<WebapisUtil>::GetInstance()->SavePluginUpgradeResult(m_pluginMap)) {
+    db->SetIsUpdate(false);
+    return true;
+  }
+  // With no records left, every plug-in package is compared against "0.0.0" and stored again when the
+  // handler is next created, and the result file is rebuilt from them then.
+  PLUGIN_LOG("update fail!clear DB for next boot");
+  return db->RemoveAllPluginDataFromDB();
+}

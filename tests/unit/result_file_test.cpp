@@ -1,0 +1,99 @@
+// The result file is replaced whole through its staging file; every refusal or failure leaves the
+// previous result where the web runtime finds it, and says why in the log.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "WebapisUtil.h"
+#include "log_capture.h"
+#include "sandbox.h"
+
+namespace {
+
+using wup_test::Device;
+using wup_test::LogHas;
+using wup_test::ReadFile;
+
+class ResultFileTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Device().Reset();
+    unsetenv("HOST_VEX_FAIL");
+    wup_test::ClearLog();
+  }
+
+  WebapisUtil util_;
+  PluginDataMap empty_;
+};
+
+TEST_F(ResultFileTest, SaveCreatesTheDirectoryAndRenamesTheStagingFile) {
+  wup_test::MakeDirs(strMANAGER_DIR);
+  const mode_t previousMask = umask(0);
+  EXPECT_FALSE(util_.CheckUpgradeResultExist());
+  const bool saved = util_.SavePluginUpgradeResult(empty_);
+  umask(previousMask);
+
+  ASSERT_TRUE(saved);
+  EXPECT_TRUE(util_.CheckUpgradeResultExist());
+  EXPECT_EQ(ReadFile(strRESULT_FILE), "null");
+  EXPECT_FALSE(wup_test::PathExists(strRESULT_FILE_BAK));
+  struct stat st;
+  ASSERT_EQ(stat(strRESULT_DIR.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 07777, 0775u);
+  EXPECT_EQ(wup_test::LogMessages(),
+            (std::vector<std::string>{"create [" + strRESULT_DIR + "] success",
+                                      "[" + strRESULT_FILE_BAK + "] NOT exist",
+                                      "write json to local path [" + strRESULT_FILE_BAK + "] success!"}));
+}
+
+TEST_F(ResultFileTest, AMissingParentDirectoryStopsTheWrite) {
+  EXPECT_FALSE(util_.SavePluginUpgradeResult(empty_));
+  EXPECT_EQ(wup_test::LogMessages(), std::vector<std::string>{"Dest Path [" + strRESULT_DIR +
+                                                              "] failed to create! return:[-1], errno:[2, No "
+                                                              "such file or directory, ]"});
+  EXPECT_FALSE(wup_test::PathExists(strRESULT_DIR));
+  EXPECT_FALSE(util_.CheckUpgradeResultExist());
+}
+
+TEST_F(ResultFileTest, UnwritableStagingPathsLeaveEverythingAsItWas) {
+  wup_test::MakeDirs(strRESULT_DIR);
+  wup_test::WriteFile(strRESULT_FILE, "previous");
+  const std::string victim = Device().root + "/victim";
+  wup_test::WriteFile(victim, "keep");
+  ASSERT_EQ(symlink(victim.c_str(), strRESULT_FILE_BAK.c_str()), 0);
+  EXPECT_FALSE(util_.SavePluginUpgradeResult(empty_));
+  EXPECT_TRUE(LogHas("path [" + strRESULT_FILE_BAK + "] is a symbol link! there's security risk!"));
+  EXPECT_EQ(ReadFile(victim), "keep");
+  EXPECT_EQ(ReadFile(strRESULT_FILE), "previous");
+
+  ASSERT_EQ(unlink(strRESULT_FILE_BAK.c_str()), 0);
+  ASSERT_EQ(mkdir(strRESULT_FILE_BAK.c_str(), 0755), 0);
+  EXPECT_FALSE(util_.SavePluginUpgradeResult(empty_));
+  EXPECT_TRUE(LogHas("[" + strRESULT_FILE_BAK + "] is not a symbol link"));
+  EXPECT_TRUE(LogHas("open [" + strRESULT_FILE_BAK + "] fail!"));
+  EXPECT_EQ(ReadFile(strRESULT_FILE), "previous");
+
+  const std::string unreachable = strRESULT_FILE + "/below";
+  EXPECT_TRUE(util_.m_IsFileSymbolLink(unreachable));
+  EXPECT_TRUE(LogHas("lstat [" + unreachable + "] fail"));
+}
+
+TEST_F(ResultFileTest, AFailedWriteOrRenameKeepsThePreviousResult) {
+  const std::string staging = strRESULT_FILE_BAK;
+  wup_test::MakeDirs(strRESULT_DIR);
+  wup_test::WriteFile(staging, "stale");
+  EXPECT_FALSE(util_.m_WriteUpgradeWebapiToLocal(staging, ""));
+  EXPECT_TRUE(LogHas("write json to local path[" + staging + "] fail!"));
+  EXPECT_EQ(ReadFile(staging), "");
+
+  wup_test::MakeDirs(strRESULT_FILE + "/occupied");
+  EXPECT_FALSE(util_.SavePluginUpgradeResult(empty_));
+  EXPECT_TRUE(LogHas("rename[" + staging + "] to[" + strRESULT_FILE + "] fail!errno [21,Is a directory,]"));
+  EXPECT_EQ(ReadFile(staging), "null");
+  EXPECT_TRUE(wup_test::PathExists(strRESULT_FILE + "/occupied"));
+}
+
+}  // namespace
