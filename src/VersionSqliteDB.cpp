@@ -1,8 +1,484 @@
 #include "VersionSqliteDB.h"
 
+#include <sqlite3.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <memory>
+#include <utility>
+
 // The database paths exist once, exported, so that tools can name the same files as the plug-in.
 const std::string strTZ_SYS_DB = tzplatform_getenv(TZ_SYS_DB);
 const std::string strVERSION_DB = strTZ_SYS_DB + "/.AppBinaryManager.db";
 const std::string strVERSION_DB_BAKUP = strTZ_SYS_DB + "/.AppBinaryManager_Backup.db";
 const char* VERSION_DB = strVERSION_DB.c_str();
 const char* VERSION_DB_BAKUP = strVERSION_DB_BAKUP.c_str();
+
+namespace {
+
+struct ConnectionCloser {
+  void operator()(sqlite3* db) const { sqlite3_close(db); }
+};
+// A connection must be declared before the statements prepared on it, so that they are finalized first:
+// sqlite3_close refuses a connection that still has statements.
+using Connection = std::unique_ptr<sqlite3, ConnectionCloser>;
+
+struct StatementFinalizer {
+  void operator()(sqlite3_stmt* stmt) const { sqlite3_finalize(stmt); }
+};
+using Statement = std::unique_ptr<sqlite3_stmt, StatementFinalizer>;
+
+// Texts that SQLite allocated: statements from sqlite3_mprintf and error messages from sqlite3_exec.
+struct SqliteFree {
+  void operator()(char* text) const { sqlite3_free(text); }
+};
+using SqliteText = std::unique_ptr<char, SqliteFree>;
+
+// The TAB after pkgid is part of the schema text that existing files carry; the statement stays
+// byte-identical to it.
+// clang-format off
+const char kPluginTableSchema[] = "create table if not exists pluginTable(name TEXT PRIMARY KEY, version TEXT, path TEXT, pkgid\tTEXT, entryPoints TEXT, pluginType INTEGER, hasForceMetaData INTEGER, isUpdate INTEGER, appWhiteList TEXT, systemPath TEXT)";
+// clang-format on
+const char kVersionTableSchema[] =
+    "create table if not exists versionTable(name TEXT PRIMARY KEY, version TEXT, size TEXT)";
+
+// The busy loops of the validity check give another process at most three seconds.
+constexpr int kMaxBusyRetries = 2;
+
+// sqlite3_open_v2 hands out a handle even when it fails; it is owned from that moment on.
+int Open(const char* path, int flags, Connection& db) {
+  sqlite3* raw = nullptr;
+  const int ret = sqlite3_open_v2(path, &raw, flags, nullptr);
+  db.reset(raw);
+  return ret;
+}
+
+int Prepare(sqlite3* db, const char* sql, Statement& stmt) {
+  sqlite3_stmt* raw = nullptr;
+  const int ret = sqlite3_prepare_v2(db, sql, -1, &raw, nullptr);
+  stmt.reset(raw);
+  return ret;
+}
+
+int Exec(sqlite3* db, const char* sql, SqliteText& error) {
+  char* raw = nullptr;
+  const int ret = sqlite3_exec(db, sql, nullptr, nullptr, &raw);
+  error.reset(raw);
+  return ret;
+}
+
+void InstallBusyHandler(sqlite3* db) { sqlite3_busy_handler(db, callback_db, db); }
+
+// Log arguments that may be null print as the C library would print them.
+const char* Printable(const char* text) { return text != nullptr ? text : "(null)"; }
+const char* Printable(const SqliteText& text) { return Printable(text.get()); }
+
+std::string ColumnText(sqlite3_stmt* stmt, int column) {
+  // Nothing here writes NULL; a foreign or damaged file may, and such a field reads as empty.
+  const unsigned char* text = sqlite3_column_text(stmt, column);
+  return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+_PluginData RecordFromRow(sqlite3_stmt* stmt) {
+  _PluginData record;
+  record.name = ColumnText(stmt, 0);
+  record.version = ColumnText(stmt, 1);
+  record.path = ColumnText(stmt, 2);
+  record.pkgid = ColumnText(stmt, 3);
+  record.entryPoints = ColumnText(stmt, 4);
+  record.pluginType = static_cast<PLUGIN_TYPE>(sqlite3_column_int(stmt, 5));
+  record.hasForceMetaData = sqlite3_column_int(stmt, 6);
+  record.isUpdate = sqlite3_column_int(stmt, 7);
+  record.appWhiteList = ColumnText(stmt, 8);
+  record.systemPath = ColumnText(stmt, 9);
+  return record;
+}
+
+// A read that stops early (busy for too long, or an error) still counts: the caller gets what was read.
+void ReadRows(sqlite3_stmt* stmt, PluginDataMap& map) {
+  while (sqlite3_step(stmt) == SQLITE_ROW) {
+    _PluginData record = RecordFromRow(stmt);
+    std::string name = record.name;
+    map.emplace(std::move(name), std::move(record));
+  }
+}
+
+// Another process holds the database: wait a second and say whether one more step is worth it.
+bool WaitWhileBusy(int& busyCount) {
+  PLUGIN_LOG("sqlite3 busy, wait 1 sec and try again. count is %d", busyCount);
+  sleep(1);
+  ++busyCount;
+  return busyCount <= kMaxBusyRetries;
+}
+
+// Error rows of the check are passed over: only a row reading exactly "ok" vouches for the file.
+bool IntegrityCheckPasses(sqlite3* db, const char* path) {
+  Statement stmt;
+  const int prepared = Prepare(db, "PRAGMA integrity_check;", stmt);
+  if (prepared != SQLITE_OK) {
+    PLUGIN_LOG("valid check, dbPath : [%s], PRAGMA integrity_check error: [%d]", path, prepared);
+    return false;
+  }
+  int busyCount = 0;
+  for (;;) {
+    const int ret = sqlite3_step(stmt.get());
+    if (ret == SQLITE_ROW) {
+      const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
+      if (text != nullptr && std::strcmp(reinterpret_cast<const char*>(text), "ok") == 0) return true;
+    } else if (ret == SQLITE_BUSY) {
+      if (!WaitWhileBusy(busyCount)) return false;
+    } else {
+      PLUGIN_LOG("database integrity_check failed with error %d!", ret);
+      return false;
+    }
+  }
+}
+
+struct TablesFound {
+  bool version = false;
+  bool plugin = false;
+};
+
+// False when the table list could not even be asked for.
+bool FindTables(sqlite3* db, const char* path, TablesFound& found) {
+  Statement stmt;
+  if (Prepare(db, "select name from sqlite_master where type = 'table';", stmt) != SQLITE_OK) return false;
+  int busyCount = 0;
+  for (;;) {
+    const int ret = sqlite3_step(stmt.get());
+    if (ret == SQLITE_ROW) {
+      const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
+      if (text == nullptr) continue;
+      const char* name = reinterpret_cast<const char*>(text);
+      if (strVERSION_TABLE == name) {
+        found.version = true;
+      } else if (strPLUGIN_TABLE == name) {
+        found.plugin = true;
+      }
+    } else if (ret == SQLITE_BUSY) {
+      if (!WaitWhileBusy(busyCount)) return true;
+    } else if (ret == SQLITE_DONE) {
+      PLUGIN_LOG("%s DB : table check end", path);
+      return true;
+    } else {
+      PLUGIN_LOG("table not exist with r:%d!", ret);
+      return true;
+    }
+  }
+}
+
+bool FailValidCheck(int integrityVerified, int versionTableFound, int pluginTableFound) {
+  PLUGIN_LOG("valid check failed, integrity_verify[%d], version table check[%d], plugin table check[%d]",
+             integrityVerified, versionTableFound, pluginTableFound);
+  return false;
+}
+
+// m_recoverDBExecute works on a plain handle: ownership goes into it and the connection it leaves in the
+// handle comes back to `db`.
+bool RecoverWith(VersionSqliteDB& versionDb, Connection& db, const char* sql) {
+  sqlite3* raw = db.release();
+  const bool recovered = versionDb.m_recoverDBExecute(raw, sql);
+  db.reset(raw);
+  return recovered;
+}
+
+}  // namespace
+
+int callback_db(void* /*arg*/, int count) {
+  if (count < 5) {
+    usleep(50000);
+    PLUGIN_LOG("database is lock now,can not write/read.count is [%d]\n", count);
+    return 1;
+  }
+  PLUGIN_LOG("wait count is [%d], not keep waiting..\n", count);
+  return 0;
+}
+
+VersionSqliteDB::VersionSqliteDB() {}
+
+VersionSqliteDB::~VersionSqliteDB() {}
+
+bool VersionSqliteDB::InsertPluginData(_PluginData& record) {
+  SqliteText sql(sqlite3_mprintf("insert or replace into pluginTable values(%Q,%Q,%Q,%Q,%Q,%d,%d,%d,%Q,%Q)",
+                                 record.name.c_str(), record.version.c_str(), record.path.c_str(),
+                                 record.pkgid.c_str(), record.entryPoints.c_str(),
+                                 static_cast<int>(record.pluginType), record.hasForceMetaData,
+                                 record.isUpdate, record.appWhiteList.c_str(), record.systemPath.c_str()));
+  PLUGIN_LOG("insert sql:[%s]", Printable(sql));
+  const bool inserted = m_modifyTable(sql.get());
+  if (inserted) {
+    PLUGIN_LOG("insert into pluginTable successfully");
+  } else {
+    PLUGIN_LOG("insert into pluginTable fail!!");
+  }
+  return inserted;
+}
+
+bool VersionSqliteDB::DeletePluginData(const std::string& name) {
+  SqliteText sql(sqlite3_mprintf("delete from pluginTable where name=%Q", name.c_str()));
+  PLUGIN_LOG("Current remove sql is [%s]", Printable(sql));
+  const bool removed = m_modifyTable(sql.get());
+  if (removed) {
+    PLUGIN_LOG("remove successfully");
+  } else {
+    PLUGIN_LOG("remove fail!!");
+  }
+  return removed;
+}
+
+// The table name goes through %Q on purpose: SQLite reads a quoted word where only a table name can
+// stand as that table's name.
+bool VersionSqliteDB::DeleteDBRecord(const std::string& name, bool all, const std::string& table) {
+  SqliteText sql(all ? sqlite3_mprintf("delete from %Q", table.c_str())
+                     : sqlite3_mprintf("delete from %Q where name=%Q", table.c_str(), name.c_str()));
+  PLUGIN_LOG("Current remove sql is [%s]", Printable(sql));
+  const bool removed = m_modifyTable(sql.get());
+  if (removed) {
+    PLUGIN_LOG("remove successfully");
+  } else {
+    PLUGIN_LOG("remove fail!!");
+  }
+  return removed;
+}
+
+bool VersionSqliteDB::GetPluginList(PluginDataMap& map) {
+  PLUGIN_LOG("GetPluginList");
+  SqliteText sql(sqlite3_mprintf("select * from pluginTable;"));
+  const bool read = m_getPluginDataFromPluginTable(sql.get(), map);
+  if (read) {
+    PLUGIN_LOG("get plugin list success");
+  } else {
+    PLUGIN_LOG("get plugin list fail");
+  }
+  return read;
+}
+
+bool VersionSqliteDB::m_getPluginDataFromPluginTable(char* sql, PluginDataMap& map) {
+  if (!m_openDBCheck()) {
+    PLUGIN_LOG("db valid check fail");
+    return false;
+  }
+  Connection db;
+  int ret = Open(VERSION_DB, SQLITE_OPEN_READONLY, db);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("database %s open failed! return [%d]\n", VERSION_DB, ret);
+    return false;
+  }
+  InstallBusyHandler(db.get());
+
+  // The file can be damaged between the check and this read (another process, power loss); then it is
+  // restored from the backup and read once more. The first connection stays open until the read is over.
+  Connection abandoned;
+  Statement stmt;
+  ret = Prepare(db.get(), sql, stmt);
+  if (ret == SQLITE_NOTADB) {
+    PLUGIN_LOG(
+        ".AppBinaryManager.db is broken! Recover .AppBinaryManager.db from .AppBinaryManager_Backup.db\n");
+    m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB);
+    abandoned = std::move(db);
+    ret = Open(VERSION_DB, SQLITE_OPEN_READONLY, db);
+    if (ret != SQLITE_OK) {
+      PLUGIN_LOG("Open .AppBinaryManager.db fail again. return %d\n", ret);
+      return false;
+    }
+    ret = Prepare(db.get(), sql, stmt);
+    if (ret != SQLITE_OK) {
+      PLUGIN_LOG("build prepare object fail again : %d", ret);
+      return false;
+    }
+  } else if (ret != SQLITE_OK) {
+    PLUGIN_LOG("prepare object fail : %d", ret);
+    return false;
+  }
+  ReadRows(stmt.get(), map);
+  return true;
+}
+
+bool VersionSqliteDB::m_openDBCheck() {
+  if (m_validCheck(VERSION_DB)) {
+    PLUGIN_LOG("db valid check pass");
+    return true;
+  }
+  // The backup is looked at only now: a bad backup beside a good main file waits for the next write.
+  if (m_validCheck(VERSION_DB_BAKUP)) return m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB);
+
+  if (access(VERSION_DB, F_OK) == 0) remove(VERSION_DB);
+  PLUGIN_LOG("db and backup db are not valid, now create db");
+  if (!m_createDataBase(VERSION_DB)) return false;
+  m_versionCpBakUp(VERSION_DB, VERSION_DB_BAKUP);
+  return true;
+}
+
+bool VersionSqliteDB::m_validCheck(const char* path) {
+  if (access(path, F_OK) != 0) {
+    PLUGIN_LOG("Database %s is not exist", path);
+    return false;
+  }
+  if (GetFileSize(path) == 0) {
+    PLUGIN_LOG("database %s's size is 0", path);
+    return false;
+  }
+  Connection db;
+  const int ret = Open(path, SQLITE_OPEN_READWRITE, db);
+  if (ret != SQLITE_OK) {
+    // Names the main file also while the backup is checked; field logs have always read so.
+    PLUGIN_LOG("Failed to open database [%s], errcode [%d].\n", VERSION_DB, ret);
+    return false;
+  }
+  PLUGIN_LOG("set DB busy");
+  InstallBusyHandler(db.get());
+
+  if (!IntegrityCheckPasses(db.get(), path)) return FailValidCheck(0, 0, 0);
+  TablesFound found;
+  if (!FindTables(db.get(), path, found)) return FailValidCheck(1, 0, 0);
+  if (found.version && found.plugin) return true;
+  return FailValidCheck(1, found.version, found.plugin);
+}
+
+bool VersionSqliteDB::m_createDataBase(const char* path) {
+  Connection db;
+  int ret = Open(path, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, db);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("Create [%s] failed! return [%d]\n", path, ret);
+    return false;
+  }
+  PLUGIN_LOG("set SQLITE_BUSY callback!\n");
+  InstallBusyHandler(db.get());
+
+  PLUGIN_LOG("BEGIN EXCLUSIVE!\n");
+  SqliteText error;
+  SqliteText sql(sqlite3_mprintf("BEGIN EXCLUSIVE"));
+  ret = Exec(db.get(), sql.get(), error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("ret = %d, BEGIN EXCLUSIVE: %s", ret, Printable(error));
+    return false;
+  }
+  sql.reset(sqlite3_mprintf(kVersionTableSchema));
+  ret = Exec(db.get(), sql.get(), error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("Create [versionTable] failed! [%d, %s]\n", ret, Printable(error));
+    return false;
+  }
+  PLUGIN_LOG("Create [versionTable] successfully!\n");
+  sql.reset(sqlite3_mprintf(kPluginTableSchema));
+  ret = Exec(db.get(), sql.get(), error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("Create [pluginTable] failed! [%d, %s]\n", ret, Printable(error));
+    return false;
+  }
+  PLUGIN_LOG("Create [pluginTable] successfully!\n");
+
+  // Both tables exist once their statements ran; a failed COMMIT does not undo that in the result.
+  sql.reset(sqlite3_mprintf("COMMIT"));
+  ret = Exec(db.get(), sql.get(), error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("Database write COMMIT failed, ret = %d, %s\n", ret, Printable(error));
+  } else {
+    PLUGIN_LOG("Database write COMMIT Success!\n");
+  }
+  return true;
+}
+
+bool VersionSqliteDB::m_versionCpBakUp(const char* source, const char* dest) {
+  PLUGIN_LOG("Backup versionDB.\n");
+  if (source == nullptr || dest == nullptr) {
+    PLUGIN_LOG("source [%s] or Dest [%s] path is NULL! .\n", Printable(source), Printable(dest));
+    return false;
+  }
+  if (access(source, F_OK) != 0) {
+    PLUGIN_LOG("source [%s] not exist. .\n", source);
+    return false;
+  }
+  // A link planted at the destination would make a root process write wherever it points.
+  struct stat destStat;
+  if (lstat(dest, &destStat) == 0 && S_ISLNK(destStat.st_mode)) {
+    PLUGIN_LOG("path [%s] is a symb link! there's security risk!", dest);
+    return false;
+  }
+
+  // The destination is truncated when it is opened, before the source size is known, so an empty
+  // source leaves an empty destination: one that the open check refuses, never a stale copy that
+  // passes for current.
+  std::ifstream in(source, std::ios::binary);
+  std::ofstream out(dest, std::ios::binary);
+  in.seekg(0, std::ios::end);
+  const long long size = static_cast<long long>(in.tellg());
+  if (size <= 0) {
+    PLUGIN_LOG("The copy Size is [%lld], invalid!\n", size);
+    return false;
+  }
+  PLUGIN_LOG("The copy Size is [%lld]\n", size);
+  in.seekg(0, std::ios::beg);
+  // Streamed rather than read into one buffer of the reported size: a source that is not a regular
+  // file reports a size no allocation could satisfy.
+  out << in.rdbuf();
+  out.close();
+  in.close();
+  return true;
+}
+
+bool VersionSqliteDB::m_recoverDBExecute(sqlite3*& db, const char* sql) {
+  PLUGIN_LOG(
+      ".AppBinaryManager.db is broken! Recover .AppBinaryManager.db from .AppBinaryManager_Backup.db\n");
+  if (!m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB)) {
+    PLUGIN_LOG("Copy data from backup db to db failed!");
+    return false;
+  }
+  // The failed connection is replaced, and closed only once the retry is over: until then it keeps
+  // whatever lock its transaction took, exactly as the retry has always found the file.
+  Connection abandoned(db);
+  db = nullptr;
+  const int ret = sqlite3_open_v2(VERSION_DB, &db, SQLITE_OPEN_READWRITE, nullptr);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("Open .AppBinaryManager.db fail again. return %d\n", ret);
+    return false;
+  }
+  SqliteText error;
+  const int executed = Exec(db, sql, error);
+  if (executed != SQLITE_OK) {
+    PLUGIN_LOG("%s failed:[%d, %s]\n", sql, executed, Printable(error));
+    return false;
+  }
+  return true;
+}
+
+bool VersionSqliteDB::m_modifyTable(char* sql) {
+  if (!m_openDBCheck()) return false;
+  Connection db;
+  int ret = Open(VERSION_DB, SQLITE_OPEN_READWRITE, db);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("database  %s open failed! return [%d]\n", VERSION_DB, ret);
+    return false;
+  }
+  InstallBusyHandler(db.get());
+
+  SqliteText error;
+  SqliteText begin(sqlite3_mprintf("BEGIN EXCLUSIVE"));
+  ret = Exec(db.get(), begin.get(), error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("begin a transaction fail, ret = %d, errormsg: %s", ret, Printable(error));
+    if (!RecoverWith(*this, db, begin.get())) return false;
+  }
+  ret = Exec(db.get(), sql, error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("[%s] failed! ret = [%d],error msg = [%s]\n", Printable(sql), ret, Printable(error));
+    // Restores the file as the last complete write left it and runs the statement once more, outside
+    // any transaction.
+    if (!RecoverWith(*this, db, sql)) return false;
+  }
+
+  SqliteText commit(sqlite3_mprintf("COMMIT"));
+  ret = Exec(db.get(), commit.get(), error);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("Database write COMMIT failed, ret = %d, %s\n", ret, Printable(error));
+  } else {
+    PLUGIN_LOG("Database write COMMIT Success!\n");
+  }
+  // Closed before the copy, so that the backup is taken from the file as this write left it.
+  db.reset();
+  m_versionCpBakUp(VERSION_DB, VERSION_DB_BAKUP);
+  return true;
+}
