@@ -2,9 +2,12 @@
 
 #include <dirent.h>
 #include <json/json.h>
+#include <pkgmgr-info.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <memory>
+#include <type_traits>
 
 namespace {
 
@@ -40,6 +43,68 @@ bool IsExtensionDescription(const Json::Value& element) {
     if (!IsStringLike(entryPoint)) return false;
   }
   return true;
+}
+
+// Records of the package-information service are released the moment they go out of scope, on every path.
+struct AppInfoDestroyer {
+  void operator()(pkgmgrinfo_appinfo_h handle) const { pkgmgrinfo_appinfo_destroy_appinfo(handle); }
+};
+using AppInfoHandle = std::unique_ptr<std::remove_pointer_t<pkgmgrinfo_appinfo_h>, AppInfoDestroyer>;
+
+struct PkgInfoDestroyer {
+  void operator()(pkgmgrinfo_pkginfo_h handle) const { pkgmgrinfo_pkginfo_destroy_pkginfo(handle); }
+};
+using PkgInfoHandle = std::unique_ptr<std::remove_pointer_t<pkgmgrinfo_pkginfo_h>, PkgInfoDestroyer>;
+
+AppInfoHandle OpenAppInfo(const std::string& id) {
+  pkgmgrinfo_appinfo_h handle = nullptr;
+  if (pkgmgrinfo_appinfo_get_appinfo(id.c_str(), &handle) != PMINFO_R_OK) return AppInfoHandle();
+  return AppInfoHandle(handle);
+}
+
+PkgInfoHandle OpenPkgInfo(const std::string& id) {
+  pkgmgrinfo_pkginfo_h handle = nullptr;
+  if (pkgmgrinfo_pkginfo_get_pkginfo(id.c_str(), &handle) != PMINFO_R_OK) return PkgInfoHandle();
+  return PkgInfoHandle(handle);
+}
+
+// The service's strings belong to its handle; the copy must outlive it.
+std::string CopyText(const char* text) { return text != nullptr ? text : ""; }
+
+// The plug-in name follows one of these package-id fragments (the tails of the pepper and xwalk
+// package-id prefixes), wherever in the id it stands.
+const std::string kPepperFragment = "pepper.";
+const std::string kXwalkFragment = "xwalk.";
+
+// A package's plug-in files lie in its resource directory; a description names its library by the path
+// it has in the image, of which only the file part counts.
+std::string FilePart(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+// Only a package that is in the read-only image as well has a system copy to fall back to.
+std::string SystemPathFor(int location, const std::string& path) {
+  return location == INSTALLED_ONLY_RW ? std::string() : path;
+}
+
+_PluginData MakePepperRecord(const std::string& pluginName, PLUGIN_TYPE kind, int location,
+                             const std::string& resourceDir, const std::string& roResourceDir) {
+  _PluginData record;
+  record.name = pluginName;
+  record.pluginType = kind;
+  record.isUpdate = location;
+  record.path = resourceDir;
+  record.systemPath = SystemPathFor(location, roResourceDir);
+  return record;
+}
+
+void RelocateExtension(_PluginData& record, int location, const std::string& resourceDir,
+                       const std::string& roResourceDir) {
+  const std::string file = FilePart(record.path);
+  record.isUpdate = location;
+  record.path = resourceDir + file;
+  record.systemPath = SystemPathFor(location, roResourceDir + file);
 }
 
 }  // namespace
@@ -126,4 +191,145 @@ std::string PluginDataUtil::m_GetEntryPoints(Json::Value& array) {
   }
   if (!joined.empty()) joined.pop_back();
   return joined;
+}
+
+bool PluginDataUtil::m_GetRootPath(const std::string& id, std::string& root) {
+  AppInfoHandle app = OpenAppInfo(id);
+  if (!app) return false;
+  char* path = nullptr;
+  if (pkgmgrinfo_appinfo_get_root_path(app.get(), &path) != PMINFO_R_OK) return false;
+  root = CopyText(path);
+  PLUGIN_LOG("[%s]'s root path:[%s]", id.c_str(), root.c_str());
+  return true;
+}
+
+bool PluginDataUtil::m_CheckTPKByMetadata(const std::string& id, const std::string& key, std::string& value) {
+  AppInfoHandle app = OpenAppInfo(id);
+  if (!app) return false;
+  char* text = nullptr;
+  if (pkgmgrinfo_appinfo_get_metadata_value(app.get(), key.c_str(), &text) != PMINFO_R_OK) {
+    PLUGIN_LOG("[%s] NO <%s> metadata", id.c_str(), key.c_str());
+    return false;
+  }
+  value = CopyText(text);
+  app.reset();
+  PLUGIN_LOG("[%s]key:[%s]value:[%s]", id.c_str(), key.c_str(), value.c_str());
+  return true;
+}
+
+PLUGIN_TYPE PluginDataUtil::GetPluginType(const std::string& id) {
+  std::string value;
+  if (!m_CheckTPKByMetadata(id, strMETADATA_TYPE_KEY, value)) {
+    PLUGIN_LOG("get plugin type fail!");
+    return UNKNOWN_PLUGIN;
+  }
+  PLUGIN_TYPE type = UNKNOWN_PLUGIN;
+  if (value == strPEPPER_PLUGIN) {
+    type = PEPPER_PLUGIN;
+  } else if (value == strXWALK_PLUGIN) {
+    type = XWALK_PLUGIN;
+  } else if (value == strB2B_PEPPER_PLUGIN) {
+    type = B2B_PEPPER_PLUGIN;
+  }
+  PLUGIN_LOG("[%s] type is [%d]", id.c_str(), type);
+  return type;
+}
+
+bool PluginDataUtil::GetPluginNameByID(std::string& id, std::string& name) {
+  if (id.empty()) {
+    PLUGIN_LOG("empty id");
+    return false;
+  }
+  const size_t pepper = id.find(kPepperFragment);
+  const size_t xwalk = id.find(kXwalkFragment);
+  if (pepper == std::string::npos && xwalk == std::string::npos) {
+    PLUGIN_LOG("invalid pkgid:[%s]", id.c_str());
+    return false;
+  }
+  std::string cut;
+  if (pepper != std::string::npos) {
+    cut = id.substr(pepper + kPepperFragment.size());  // wins over an "xwalk." in the same id
+  } else {
+    if (xwalk == std::string::npos) {  // cannot happen after the check above; kept against later edits
+      PLUGIN_LOG("invalid pkgid[%s]", id.c_str());
+      return false;
+    }
+    cut = id.substr(xwalk + kXwalkFragment.size());
+  }
+  name = cut;
+  if (name.empty()) {
+    PLUGIN_LOG("get plugin name fail");
+    return false;
+  }
+  PLUGIN_LOG("pluginName[%s]", name.c_str());
+  return true;
+}
+
+bool PluginDataUtil::CheckTPKofAppWhiteList(const std::string& id, std::string& list) {
+  return m_CheckTPKByMetadata(id, strMETADATA_APPLIST_KEY, list);
+}
+
+bool PluginDataUtil::CheckTPKForceMetadata(const std::string& id) {
+  std::string value;
+  return m_CheckTPKByMetadata(id, strMETADATA_FORCE_KEY, value) && value == "true";
+}
+
+bool PluginDataUtil::GetTPKVersionByID(const std::string& id, std::string& version) {
+  if (id.empty()) {
+    PLUGIN_LOG("the param can't be empty!!");
+    return false;
+  }
+  PkgInfoHandle package = OpenPkgInfo(id);
+  if (!package) {
+    PLUGIN_LOG("get [%s] info fail!!", id.c_str());
+    return false;
+  }
+  char* text = nullptr;
+  if (pkgmgrinfo_pkginfo_get_version(package.get(), &text) != PMINFO_R_OK) {
+    PLUGIN_LOG("get [%s] version fail!!", id.c_str());
+    return false;
+  }
+  version = CopyText(text);
+  return true;
+}
+
+bool PluginDataUtil::MakeInsertedMap(const std::string& id, const std::string& pluginName, PLUGIN_TYPE& kind,
+                                     PluginDataMap& out) {
+  std::string root;
+  if (!m_GetRootPath(id, root) || root.empty()) return false;
+  const std::string roResourceDir = strRO_APP_DIR + id + strSHARED_RES;
+
+  // Where the package lives: an update in the writable area may shadow a copy in the read-only image.
+  int location = INSTALLED_ONLY_RO;
+  if (root.find(strRW_APP_DIR) != std::string::npos) {
+    if (access(roResourceDir.c_str(), F_OK) != 0) {
+      PLUGIN_LOG("INSTALLED_ONLY_RW!");
+      location = INSTALLED_ONLY_RW;
+    } else {
+      PLUGIN_LOG("INSTALLED_BOTH_RO_RW!");
+      location = INSTALLED_BOTH_RO_RW;
+    }
+  } else {
+    PLUGIN_LOG("Can't find [%s] keywords in dest[%s]!", strRW_APP_DIR.c_str(), root.c_str());
+    PLUGIN_LOG("INSTALLED_ONLY_RO!");
+  }
+
+  const std::string resourceDir = root + strSHARED_RES;
+  switch (kind) {
+    case PEPPER_PLUGIN:
+    case B2B_PEPPER_PLUGIN:
+      out.insert(std::make_pair(pluginName,
+                                MakePepperRecord(pluginName, kind, location, resourceDir, roResourceDir)));
+      return true;
+    case XWALK_PLUGIN:
+      if (!GetXwalkInfo(resourceDir, out)) {
+        PLUGIN_LOG("get xwalk extension info fail, path = %s", resourceDir.c_str());
+        return false;
+      }
+      for (auto& entry : out) RelocateExtension(entry.second, location, resourceDir, roResourceDir);
+      return true;
+    default:
+      PLUGIN_LOG("unknown plugin type[%d]", kind);
+      return false;
+  }
 }

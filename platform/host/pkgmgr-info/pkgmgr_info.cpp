@@ -1,0 +1,310 @@
+// Host stand-in for the package-information service, answered from Tizen manifests on the sandbox device.
+//
+// Environment, read at every call (so a test may change it between calls):
+//   TZ_SYS_RW_PACKAGES  manifests of installed or updated packages   (default /opt/share/packages)
+//   TZ_SYS_RO_PACKAGES  manifests of preloaded packages              (default /usr/share/packages)
+//   TZ_SYS_RW_APP       root of installed packages' directories      (default /opt/usr/apps)
+//   TZ_SYS_RO_APP       root of preloaded packages' directories      (default /usr/apps)
+//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names; those calls answer -1 (error) before
+//                         looking at their arguments. A forced failure of a destroy call still releases
+//                         the handle, so that provoking it never leaks.
+// An empty variable counts as unset.
+//
+// Package P is described by $TZ_SYS_RW_PACKAGES/P.xml, or, when there is none, by $TZ_SYS_RO_PACKAGES/P.xml
+// (an update shadows the preloaded manifest, even when the update's manifest is broken). Its version is the
+// manifest's version attribute. An application is looked up by appid in every manifest: writable ones
+// first, then the read-only ones not shadowed, each directory in name order; its root path is
+// $TZ_SYS_RW_APP/P or $TZ_SYS_RO_APP/P by where the manifest lies. Metadata keys match ignoring case; the
+// first match in manifest order answers.
+//
+// Results: 0 success, -1 error (forced, or the manifest needed could not be read), -2 invalid argument
+// (null pointers, a handle that is not open, a metadata key the application lacks), -3 not found.
+// Handles are heap records; strings handed out point into them and live until the handle is destroyed.
+#include <dirent.h>
+#include <pkgmgr-info-host.h>
+#include <pkgmgr-info.h>
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "manifest.h"
+
+namespace {
+
+struct AppInfo {
+  std::string appid;
+  std::string rootPath;
+  std::vector<std::pair<std::string, std::string>> metadata;
+};
+
+struct PkgInfo {
+  std::string version;
+};
+
+// Every handle handed out stays in one of these sets until it is destroyed, so that a handle destroyed
+// twice, or one of the wrong kind, is caught instead of freed again.
+struct Bookkeeping {
+  std::mutex mutex;
+  std::set<void*> appinfos;
+  std::set<void*> pkginfos;
+  std::map<std::string, int> calls;
+  int badDestroys = 0;
+};
+
+Bookkeeping& Books() {
+  static Bookkeeping books;
+  return books;
+}
+
+bool ForcedToFail(const std::string& function) {
+  const char* list = std::getenv("HOST_PKGMGRINFO_FAIL");
+  if (list == nullptr) return false;
+  const std::string padded = "," + std::string(list) + ",";
+  return padded.find("," + function + ",") != std::string::npos;
+}
+
+// Counts the call; true when the test asked for it to fail.
+bool Enter(const char* function) {
+  {
+    std::lock_guard<std::mutex> lock(Books().mutex);
+    ++Books().calls[function];
+  }
+  return ForcedToFail(function);
+}
+
+void* Register(std::set<void*> Bookkeeping::*kind, void* handle) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  (Books().*kind).insert(handle);
+  return handle;
+}
+
+bool IsOpen(std::set<void*> Bookkeeping::*kind, void* handle) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  return (Books().*kind).count(handle) != 0;
+}
+
+// Removes the handle from the open set; false (and counted) when it was not open.
+bool Unregister(std::set<void*> Bookkeeping::*kind, void* handle) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  if ((Books().*kind).erase(handle) != 0) return true;
+  ++Books().badDestroys;
+  return false;
+}
+
+std::string EnvDir(const char* name, const char* device_default) {
+  const char* value = std::getenv(name);
+  return (value != nullptr && *value != '\0') ? value : device_default;
+}
+
+struct Area {
+  std::string packages;  // where the manifests lie
+  std::string apps;      // where the packages' directories lie
+};
+
+Area Writable() {
+  return {EnvDir("TZ_SYS_RW_PACKAGES", "/opt/share/packages"), EnvDir("TZ_SYS_RW_APP", "/opt/usr/apps")};
+}
+
+Area ReadOnly() {
+  return {EnvDir("TZ_SYS_RO_PACKAGES", "/usr/share/packages"), EnvDir("TZ_SYS_RO_APP", "/usr/apps")};
+}
+
+bool Exists(const std::string& path) {
+  struct stat status;
+  return stat(path.c_str(), &status) == 0;
+}
+
+std::string ManifestPath(const Area& area, const std::string& package) {
+  return area.packages + "/" + package + ".xml";
+}
+
+// A broken manifest must be a failure of the call, and whoever runs the sandbox wants to know why.
+bool Read(const std::string& path, host::Manifest& manifest) {
+  std::string error;
+  if (host::ReadManifest(path, manifest, error)) return true;
+  std::fprintf(stderr, "pkgmgr-info (host): %s\n", error.c_str());
+  return false;
+}
+
+const char kManifestSuffix[] = ".xml";
+
+// Package ids of the manifests in one directory, in name order.
+std::vector<std::string> PackagesIn(const Area& area) {
+  struct DirCloser {
+    void operator()(DIR* dir) const { closedir(dir); }
+  };
+  std::vector<std::string> packages;
+  std::unique_ptr<DIR, DirCloser> dir(opendir(area.packages.c_str()));
+  if (!dir) return packages;
+  const size_t suffix = sizeof kManifestSuffix - 1;
+  while (const dirent* entry = readdir(dir.get())) {
+    const std::string name = entry->d_name;
+    if (name.size() <= suffix || name.compare(name.size() - suffix, suffix, kManifestSuffix) != 0) continue;
+    packages.push_back(name.substr(0, name.size() - suffix));
+  }
+  std::sort(packages.begin(), packages.end());
+  return packages;
+}
+
+enum class Search { kFound, kNotFound, kBroken };
+
+// Looks for `appid` in the manifests of one area; packages listed in `shadowed` are not looked at.
+Search FindApp(const Area& area, const std::set<std::string>& shadowed, const std::string& appid,
+               AppInfo& found) {
+  bool broken = false;
+  for (const std::string& package : PackagesIn(area)) {
+    if (shadowed.count(package) != 0) continue;
+    host::Manifest manifest;
+    if (!Read(ManifestPath(area, package), manifest)) {
+      broken = true;
+      continue;
+    }
+    for (host::ManifestApp& app : manifest.apps) {
+      if (app.appid != appid) continue;
+      found.appid = app.appid;
+      found.rootPath = area.apps + "/" + package;
+      found.metadata = std::move(app.metadata);
+      return Search::kFound;
+    }
+  }
+  return broken ? Search::kBroken : Search::kNotFound;
+}
+
+// A package id names a file; one that could reach outside the manifest directory names no package.
+bool IsPackageName(const std::string& package) {
+  return !package.empty() && package.find('/') == std::string::npos && package != "." && package != "..";
+}
+
+int ToResult(Search search) {
+  switch (search) {
+    case Search::kFound:
+      return PMINFO_R_OK;
+    case Search::kBroken:
+      return PMINFO_R_ERROR;
+    case Search::kNotFound:
+      break;
+  }
+  return PMINFO_R_ENOENT;
+}
+
+}  // namespace
+
+extern "C" {
+
+int pkgmgrinfo_appinfo_get_appinfo(const char* appid, pkgmgrinfo_appinfo_h* handle) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (appid == nullptr || handle == nullptr) return PMINFO_R_EINVAL;
+  auto app = std::make_unique<AppInfo>();
+  const Area writable = Writable();
+  const std::vector<std::string> updated = PackagesIn(writable);
+  Search search = FindApp(writable, {}, appid, *app);
+  if (search != Search::kFound) {
+    // An application not found next to a broken manifest may well be in it: that is an error, not absence.
+    const Search preloaded = FindApp(ReadOnly(), {updated.begin(), updated.end()}, appid, *app);
+    if (preloaded != Search::kNotFound) search = preloaded;
+  }
+  if (search != Search::kFound) return ToResult(search);
+  *handle = Register(&Bookkeeping::appinfos, app.release());
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_appinfo_get_root_path(pkgmgrinfo_appinfo_h handle, char** path) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (path == nullptr || !IsOpen(&Bookkeeping::appinfos, handle)) return PMINFO_R_EINVAL;
+  *path = static_cast<AppInfo*>(handle)->rootPath.data();
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_appinfo_get_metadata_value(pkgmgrinfo_appinfo_h handle, const char* metadata_key,
+                                          char** metadata_value) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (metadata_key == nullptr || metadata_value == nullptr || !IsOpen(&Bookkeeping::appinfos, handle)) {
+    return PMINFO_R_EINVAL;
+  }
+  for (auto& [key, value] : static_cast<AppInfo*>(handle)->metadata) {
+    if (strcasecmp(key.c_str(), metadata_key) != 0) continue;
+    *metadata_value = value.data();
+    return PMINFO_R_OK;
+  }
+  return PMINFO_R_EINVAL;
+}
+
+int pkgmgrinfo_appinfo_destroy_appinfo(pkgmgrinfo_appinfo_h handle) {
+  const bool forced = Enter(__func__);
+  if (!Unregister(&Bookkeeping::appinfos, handle)) return forced ? PMINFO_R_ERROR : PMINFO_R_EINVAL;
+  delete static_cast<AppInfo*>(handle);
+  return forced ? PMINFO_R_ERROR : PMINFO_R_OK;
+}
+
+int pkgmgrinfo_pkginfo_get_pkginfo(const char* pkgid, pkgmgrinfo_pkginfo_h* handle) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (pkgid == nullptr || handle == nullptr) return PMINFO_R_EINVAL;
+  if (!IsPackageName(pkgid)) return PMINFO_R_ENOENT;
+  std::string path = ManifestPath(Writable(), pkgid);
+  if (!Exists(path)) path = ManifestPath(ReadOnly(), pkgid);
+  if (!Exists(path)) return PMINFO_R_ENOENT;
+  host::Manifest manifest;
+  if (!Read(path, manifest)) return PMINFO_R_ERROR;
+  auto package = std::make_unique<PkgInfo>();
+  package->version = manifest.version;
+  *handle = Register(&Bookkeeping::pkginfos, package.release());
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_pkginfo_get_version(pkgmgrinfo_pkginfo_h handle, char** version) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (version == nullptr || !IsOpen(&Bookkeeping::pkginfos, handle)) return PMINFO_R_EINVAL;
+  *version = static_cast<PkgInfo*>(handle)->version.data();
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_pkginfo_destroy_pkginfo(pkgmgrinfo_pkginfo_h handle) {
+  const bool forced = Enter(__func__);
+  if (!Unregister(&Bookkeeping::pkginfos, handle)) return forced ? PMINFO_R_ERROR : PMINFO_R_EINVAL;
+  delete static_cast<PkgInfo*>(handle);
+  return forced ? PMINFO_R_ERROR : PMINFO_R_OK;
+}
+
+int host_pkgmgrinfo_open_appinfo_handles(void) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  return static_cast<int>(Books().appinfos.size());
+}
+
+int host_pkgmgrinfo_open_pkginfo_handles(void) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  return static_cast<int>(Books().pkginfos.size());
+}
+
+int host_pkgmgrinfo_open_handles(void) {
+  return host_pkgmgrinfo_open_appinfo_handles() + host_pkgmgrinfo_open_pkginfo_handles();
+}
+
+int host_pkgmgrinfo_bad_destroys(void) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  return Books().badDestroys;
+}
+
+int host_pkgmgrinfo_calls(const char* function_name) {
+  if (function_name == nullptr) return 0;
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  const auto found = Books().calls.find(function_name);
+  return found != Books().calls.end() ? found->second : 0;
+}
+
+void host_pkgmgrinfo_reset_counters(void) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  Books().calls.clear();
+  Books().badDestroys = 0;
+}
+
+}  // extern "C"
