@@ -73,8 +73,8 @@ void CollectManifests(const std::string& dir, bool readOnly,
 }  // namespace
 
 std::vector<std::string> Device::LayoutDirs() const {
-  return {DbDir(),          RwAppDir(), RoAppDir(), RwPackagesDir(), RoPackagesDir(),
-          VexDir(),         fs::path(LogFile()).parent_path().string()};
+  return {DbDir(),   RwAppDir(), ManagerDir(), RoAppDir(), RwPackagesDir(), RoPackagesDir(),
+          VexDir(),  fs::path(LogFile()).parent_path().string()};
 }
 
 bool Device::Exists() const {
