@@ -51,7 +51,8 @@ class PkgsimTest : public ::testing::Test {
     const std::string outPath = root_ + "/stdout", errPath = root_ + "/stderr";
     const pid_t child = fork();
     if (child == 0) {
-      if (freopen(outPath.c_str(), "w", stdout) == nullptr || freopen(errPath.c_str(), "w", stderr) == nullptr) {
+      if (freopen(outPath.c_str(), "w", stdout) == nullptr ||
+          freopen(errPath.c_str(), "w", stderr) == nullptr) {
         _exit(126);
       }
       unsetenv("PKGSIM_DEVICE");
@@ -91,17 +92,24 @@ class PkgsimTest : public ::testing::Test {
     if (sqlite3_open_v2((device_ + "/opt/dbspace/.AppBinaryManager.db").c_str(), &db, SQLITE_OPEN_READONLY,
                         nullptr) == SQLITE_OK) {
       sqlite3_stmt* stmt = nullptr;
-      sqlite3_prepare_v2(db,
-                         "SELECT name, version, path, pkgid, entryPoints, pluginType, isUpdate, appWhiteList, "
-                         "systemPath FROM pluginTable",
-                         -1, &stmt, nullptr);
+      sqlite3_prepare_v2(
+          db,
+          "SELECT name, version, path, pkgid, entryPoints, pluginType, isUpdate, appWhiteList, "
+          "systemPath FROM pluginTable",
+          -1, &stmt, nullptr);
       auto text = [&](int column) {
         const unsigned char* value = sqlite3_column_text(stmt, column);
         return value != nullptr ? std::string(reinterpret_cast<const char*>(value)) : std::string();
       };
       while (stmt != nullptr && sqlite3_step(stmt) == SQLITE_ROW) {
-        rows[text(0)] = {text(1), text(2), text(3), text(4), text(7), text(8),
-                         sqlite3_column_int(stmt, 5), sqlite3_column_int(stmt, 6)};
+        rows[text(0)] = {text(1),
+                         text(2),
+                         text(3),
+                         text(4),
+                         text(7),
+                         text(8),
+                         sqlite3_column_int(stmt, 5),
+                         sqlite3_column_int(stmt, 6)};
       }
       sqlite3_finalize(stmt);
     }
@@ -153,8 +161,8 @@ TEST_F(PkgsimTest, PepperPluginIsInstalledReinstalledUpgradedAndUninstalled) {
   const Outcome installed = Install("mediaplayer");
   ASSERT_EQ(installed.status, 0) << installed.err;
   // Only the application with metadata of the namespace is handed over, and only those items.
-  EXPECT_NE(installed.out.find("calling PKGMGR_MDPARSER_PLUGIN_INSTALL(" + kMediaPlayer + ", " + kMediaPlayer +
-                               ", 2 items)"),
+  EXPECT_NE(installed.out.find("calling PKGMGR_MDPARSER_PLUGIN_INSTALL(" + kMediaPlayer + ", " +
+                               kMediaPlayer + ", 2 items)"),
             std::string::npos)
       << installed.out;
   EXPECT_EQ(installed.out.find(".settings"), std::string::npos);
@@ -179,14 +187,16 @@ TEST_F(PkgsimTest, PepperPluginIsInstalledReinstalledUpgradedAndUninstalled) {
   EXPECT_TRUE(Result()["upgradable_webapi_applist"]["pepper"].isMember("Rs8Tu1Vw3X.MovieBox"));
   const std::vector<std::string> bothApps = {"Ab3Cd5Ef7G.SportsLive", "Rs8Tu1Vw3X.MovieBox"};
   EXPECT_EQ(Terminated(), bothApps);
-  EXPECT_NE(installed.out.find("  terminated: Ab3Cd5Ef7G.SportsLive, Rs8Tu1Vw3X.MovieBox\n"), std::string::npos);
+  EXPECT_NE(installed.out.find("  terminated: Ab3Cd5Ef7G.SportsLive, Rs8Tu1Vw3X.MovieBox\n"),
+            std::string::npos);
 
   // The same version again is an upgrade to the plug-in, with nothing to store.
   const std::string resultBefore = ReadFile(ResultPath());
   const Outcome again = OnDevice({"--quiet", "install", kExamples + "/packages/mediaplayer"});
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_NE(again.out.find("calling PKGMGR_MDPARSER_PLUGIN_UPGRADE("), std::string::npos);
-  EXPECT_NE(again.out.find("changes:\n  plug-in records: no change\n  result file: not rewritten\n  terminated: none\n"),
+  EXPECT_NE(again.out.find(
+                "changes:\n  plug-in records: no change\n  result file: not rewritten\n  terminated: none\n"),
             std::string::npos)
       << again.out;
   EXPECT_EQ(again.out.find("plug-in log"), std::string::npos);
@@ -195,7 +205,8 @@ TEST_F(PkgsimTest, PepperPluginIsInstalledReinstalledUpgradedAndUninstalled) {
   const Outcome upgraded = Install(PackageAtVersion("mediaplayer", "1.2.0", "1.3.0"));
   ASSERT_EQ(upgraded.status, 0) << upgraded.err;
   EXPECT_NE(upgraded.out.find("upgrade of the installed 1.2.0"), std::string::npos);
-  EXPECT_NE(upgraded.out.find("  ~ mediaplayer replaced\n      version: [1.2.0] -> [1.3.0]\n"), std::string::npos)
+  EXPECT_NE(upgraded.out.find("  ~ mediaplayer replaced\n      version: [1.2.0] -> [1.3.0]\n"),
+            std::string::npos)
       << upgraded.out;
   EXPECT_EQ(Count(PluginLog(upgraded.out), "METADATA UPGRADE"), 1);
   EXPECT_EQ(Rows()["mediaplayer"].version, "1.3.0");
@@ -258,7 +269,8 @@ TEST_F(PkgsimTest, PreloadedPluginIsUpdatedAndTheUpdateRemoved) {
   const auto afterRemoval = Tree();
   const Outcome image = OnDevice({"uninstall", kDrmPlayer});
   EXPECT_EQ(image.status, 1);
-  EXPECT_EQ(image.err, "pkgsim: " + kDrmPlayer + " is preloaded in the read-only image and cannot be uninstalled\n");
+  EXPECT_EQ(image.err,
+            "pkgsim: " + kDrmPlayer + " is preloaded in the read-only image and cannot be uninstalled\n");
   EXPECT_EQ(Tree(), afterRemoval);
 }
 
@@ -302,7 +314,8 @@ TEST_F(PkgsimTest, BrokenDescriptionFileLosesNothing) {
   EXPECT_NE(broken.out.find("  plug-in records: no change\n"), std::string::npos) << broken.out;
   bool parseErrorLogged = false;
   for (const std::string& message : PluginLog(broken.out)) {
-    parseErrorLogged |= message.rfind("file:[" + RwApp("com.korvane.tv.xwalk.weather") + "/shared/res/weather.json]", 0) == 0;
+    parseErrorLogged |=
+        message.rfind("file:[" + RwApp("com.korvane.tv.xwalk.weather") + "/shared/res/weather.json]", 0) == 0;
   }
   EXPECT_TRUE(parseErrorLogged) << broken.out;
   EXPECT_EQ(Rows().size(), rows.size());
@@ -322,7 +335,8 @@ TEST_F(PkgsimTest, BadInputIsRefusedWithOneLineAndTheDeviceUntouched) {
   const std::vector<std::pair<std::vector<std::string>, std::string>> refused = {
       {{"install", empty}, "pkgsim: no tizen-manifest.xml in " + empty + "\n"},
       {{"install", root_ + "/missing"}, "pkgsim: " + root_ + "/missing is not a package directory\n"},
-      {{"uninstall", "com.korvane.tv.pepper.nosuch"}, "pkgsim: unknown package: com.korvane.tv.pepper.nosuch\n"},
+      {{"uninstall", "com.korvane.tv.pepper.nosuch"},
+       "pkgsim: unknown package: com.korvane.tv.pepper.nosuch\n"},
       {{"uninstall", "../device"}, "pkgsim: unknown package: ../device\n"},
   };
   for (const auto& [args, message] : refused) {
@@ -336,19 +350,24 @@ TEST_F(PkgsimTest, BadInputIsRefusedWithOneLineAndTheDeviceUntouched) {
   EXPECT_EQ(bad.err.rfind("pkgsim: " + malformed + "/tizen-manifest.xml: ", 0), 0u) << bad.err;
   EXPECT_EQ(std::count(bad.err.begin(), bad.err.end(), '\n'), 1);
 
-  const Outcome noPlugin = OnDevice({"--plugin", root_ + "/none.so", "install", kExamples + "/packages/signage"});
+  const Outcome noPlugin =
+      OnDevice({"--plugin", root_ + "/none.so", "install", kExamples + "/packages/signage"});
   EXPECT_EQ(noPlugin.status, 1);
   EXPECT_EQ(noPlugin.err.rfind("pkgsim: cannot load the plug-in: ", 0), 0u) << noPlugin.err;
   EXPECT_EQ(Tree(), tree);
 
   const std::string nowhere = root_ + "/nowhere";
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {"show"}, {"install", kExamples + "/packages/signage"}, {"uninstall", kMediaPlayer}, {"foreground", "a.b"}}) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{"show"},
+                                             {"install", kExamples + "/packages/signage"},
+                                             {"uninstall", kMediaPlayer},
+                                             {"foreground", "a.b"}}) {
     std::vector<std::string> withDevice = {"--device", nowhere};
     withDevice.insert(withDevice.end(), args.begin(), args.end());
     const Outcome outcome = Run(withDevice);
     EXPECT_EQ(outcome.status, 1) << args[0];
-    EXPECT_EQ(outcome.err, "pkgsim: no device at " + nowhere + " (create one: pkgsim init " + nowhere + ")\n");
+    EXPECT_EQ(outcome.err,
+              "pkgsim: no device at " + nowhere + " (create one: pkgsim init " + nowhere + ")\n");
   }
   EXPECT_FALSE(fs::exists(nowhere));
   EXPECT_EQ(Run({"init", device_}).err, "pkgsim: " + device_ + " exists and is not empty\n");
@@ -356,9 +375,15 @@ TEST_F(PkgsimTest, BadInputIsRefusedWithOneLineAndTheDeviceUntouched) {
 }
 
 TEST_F(PkgsimTest, CommandLineMisuseExitsWithTwoAndHelpWithZero) {
-  for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-           {}, {"bogus"}, {"--frobnicate", "show"}, {"uninstall"}, {"show", "extra"}, {"uninstall", "--preload", "x"},
-           {"foreground"}, {"--device"}}) {
+  for (const std::vector<std::string>& args :
+       std::vector<std::vector<std::string>>{{},
+                                             {"bogus"},
+                                             {"--frobnicate", "show"},
+                                             {"uninstall"},
+                                             {"show", "extra"},
+                                             {"uninstall", "--preload", "x"},
+                                             {"foreground"},
+                                             {"--device"}}) {
     const Outcome outcome = OnDevice(args);
     EXPECT_EQ(outcome.status, 2) << (args.empty() ? "(none)" : args[0]);
   }
@@ -378,7 +403,8 @@ TEST_F(PkgsimTest, DemoTourEndsWithTheExpectedDevice) {
   const auto rows = Rows();
   std::vector<std::string> names;
   for (const auto& [name, row] : rows) names.push_back(name);
-  const std::vector<std::string> expected = {"drmplayer", "signage", "tv.audio", "tv.channel", "tv.inputdevice"};
+  const std::vector<std::string> expected = {"drmplayer", "signage", "tv.audio", "tv.channel",
+                                             "tv.inputdevice"};
   EXPECT_EQ(names, expected);
   EXPECT_EQ(rows.at("drmplayer").isUpdate, 0);
   EXPECT_EQ(Count(Terminated(), "Rs8Tu1Vw3X.MovieBox"), 1) << "spared while in the foreground";

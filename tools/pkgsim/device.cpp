@@ -59,8 +59,7 @@ void ReplaceFile(const fs::path& from, const fs::path& to) {
   RenameOver(staging, to);
 }
 
-void CollectManifests(const std::string& dir, bool readOnly,
-                      std::map<std::string, PackageState>& packages) {
+void CollectManifests(const std::string& dir, bool readOnly, std::map<std::string, PackageState>& packages) {
   std::error_code error;
   for (const fs::directory_entry& entry : fs::directory_iterator(dir, error)) {
     const fs::path& path = entry.path();
@@ -73,8 +72,8 @@ void CollectManifests(const std::string& dir, bool readOnly,
 }  // namespace
 
 std::vector<std::string> Device::LayoutDirs() const {
-  return {DbDir(),   RwAppDir(), ManagerDir(), RoAppDir(), RwPackagesDir(), RoPackagesDir(),
-          VexDir(),  fs::path(LogFile()).parent_path().string()};
+  return {DbDir(),         RwAppDir(),      ManagerDir(), RoAppDir(),
+          RwPackagesDir(), RoPackagesDir(), VexDir(),     fs::path(LogFile()).parent_path().string()};
 }
 
 bool Device::Exists() const {

@@ -222,7 +222,8 @@ int Init(const Options& options) {
   if (options.sample && !fs::is_directory(sample)) throw std::runtime_error("no sample device at " + sample);
   device.Create();
   if (options.sample) {
-    fs::copy(sample, device.Root(), fs::copy_options::recursive | fs::copy_options::overwrite_existing, error);
+    fs::copy(sample, device.Root(), fs::copy_options::recursive | fs::copy_options::overwrite_existing,
+             error);
     if (error) throw std::runtime_error("cannot copy the sample device: " + error.message());
   }
   std::cout << "device created at " << device.Root() << (options.sample ? " (from the sample device)" : "")
@@ -234,17 +235,20 @@ int Install(const Options& options) {
   ExpectArgs(options, 1);
   const Device device = RequireDevice(options);
   const std::string packageDir = Absolute(options.args[0]);
-  if (!fs::is_directory(packageDir)) throw std::runtime_error(options.args[0] + " is not a package directory");
+  if (!fs::is_directory(packageDir))
+    throw std::runtime_error(options.args[0] + " is not a package directory");
   const std::string manifestPath = packageDir + "/" + kManifestName;
   if (!fs::is_regular_file(manifestPath)) {
     throw std::runtime_error(std::string("no ") + kManifestName + " in " + options.args[0]);
   }
   const host::Manifest manifest = ReadManifestOrFail(manifestPath, manifestPath);
   const std::string& pkgid = manifest.package;
-  if (!IsSafePackageId(pkgid)) throw std::runtime_error(manifestPath + ": unusable package id [" + pkgid + "]");
+  if (!IsSafePackageId(pkgid))
+    throw std::runtime_error(manifestPath + ": unusable package id [" + pkgid + "]");
   const PackageState state = device.StateOf(pkgid);
   if (options.preload && state.Present()) {
-    throw std::runtime_error(pkgid + " is already on the device; only a package that is not there can be preloaded");
+    throw std::runtime_error(pkgid +
+                             " is already on the device; only a package that is not there can be preloaded");
   }
 
   device.Export();
@@ -280,7 +284,9 @@ int Uninstall(const Options& options) {
   const host::Manifest installed =
       ReadManifestOrFail(device.Manifest(pkgid, false), "cannot read the manifest of " + pkgid);
   host::Manifest preloaded;
-  if (state.ro) preloaded = ReadManifestOrFail(device.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
+  if (state.ro)
+    preloaded =
+        ReadManifestOrFail(device.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
 
   device.Export();
   const Plugin plugin = Plugin::Load(options.plugin);
@@ -350,8 +356,8 @@ struct DemoStep {
 };
 
 int RunStep(const Options& options, const std::string& root, const DemoStep& step) {
-  std::vector<std::string> argv = {"pkgsim", "--device", root, "--plugin", options.plugin, "--examples",
-                                   options.examples};
+  std::vector<std::string> argv = {"pkgsim",     "--device",      root, "--plugin", options.plugin,
+                                   "--examples", options.examples};
   if (options.quiet) argv.push_back("--quiet");
   argv.insert(argv.end(), step.args.begin(), step.args.end());
 
@@ -379,7 +385,8 @@ int Demo(const Options& options) {
   if (options.deviceGiven) {
     root = Absolute(options.device);
     std::error_code error;
-    if (fs::exists(root) && !fs::is_empty(root, error)) throw std::runtime_error(root + " exists and is not empty");
+    if (fs::exists(root) && !fs::is_empty(root, error))
+      throw std::runtime_error(root + " exists and is not empty");
   } else {
     std::string pattern = (fs::temp_directory_path() / "pkgsim-demo.XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("cannot create a temporary directory");
@@ -387,33 +394,47 @@ int Demo(const Options& options) {
   }
   const std::string packages = options.examples + "/packages/";
   const std::vector<DemoStep> steps = {
-      {"A fresh copy of the sample device: a few applications, no plug-in yet", {"init", "--sample", root}, 0},
+      {"A fresh copy of the sample device: a few applications, no plug-in yet",
+       {"init", "--sample", root},
+       0},
       {"The system image brings the DRM player plug-in, preloaded (isUpdate 0: read-only only)",
-       {"install", "--preload", packages + "drmplayer-1.0.0"}, 0},
+       {"install", "--preload", packages + "drmplayer-1.0.0"},
+       0},
       {"A pepper plug-in from the store: stored, result file rewritten, allow-listed applications terminated",
-       {"install", packages + "mediaplayer"}, 0},
+       {"install", packages + "mediaplayer"},
+       0},
       {"The user is watching MovieBox", {"foreground", "Rs8Tu1Vw3X.MovieBox"}, 0},
       {"A b2b pepper plug-in that MovieBox may use: MovieBox is in the foreground and keeps running",
-       {"install", packages + "signage"}, 0},
-      {"An xwalk plug-in: one record per extension of its description files", {"install", packages + "tvinfo"}, 0},
+       {"install", packages + "signage"},
+       0},
+      {"An xwalk plug-in: one record per extension of its description files",
+       {"install", packages + "tvinfo"},
+       0},
       {"An update of the preloaded DRM player: newer version, installed in both places (isUpdate 2)",
-       {"install", packages + "drmplayer-1.1.0"}, 0},
+       {"install", packages + "drmplayer-1.1.0"},
+       0},
       {"The same media player again: same version, nothing to store, result file left alone",
-       {"install", packages + "mediaplayer"}, 0},
+       {"install", packages + "mediaplayer"},
+       0},
       {"A broken xwalk package (bad description file): logged, nothing stored, nothing lost",
-       {"install", packages + "weather-broken"}, 0},
+       {"install", packages + "weather-broken"},
+       0},
       {"Uninstall the media player: its record goes, the result file is rewritten",
-       {"uninstall", "com.korvane.tv.pepper.mediaplayer"}, 0},
+       {"uninstall", "com.korvane.tv.pepper.mediaplayer"},
+       0},
       {"Uninstall the DRM player's update: the preloaded version comes back",
-       {"uninstall", "com.korvane.tv.pepper.drmplayer"}, 0},
+       {"uninstall", "com.korvane.tv.pepper.drmplayer"},
+       0},
       {"A request for a package that is not there is refused, the device untouched",
-       {"uninstall", "com.korvane.tv.pepper.nosuchplayer"}, 1},
+       {"uninstall", "com.korvane.tv.pepper.nosuchplayer"},
+       1},
       {"Where the device ended up", {"show"}, 0},
   };
   for (const DemoStep& step : steps) {
     const int status = RunStep(options, root, step);
     if (status != step.expectedStatus) {
-      throw std::runtime_error("demo step ended with status " + std::to_string(status) + ": " + step.narration);
+      throw std::runtime_error("demo step ended with status " + std::to_string(status) + ": " +
+                               step.narration);
     }
   }
   std::cout << "\nThe device is at " << root << "; go on with: pkgsim --device " << root << " show\n";
@@ -422,7 +443,8 @@ int Demo(const Options& options) {
 
 int Run(const Options& options) {
   if (options.help || options.command.empty() || options.command == "help") {
-    std::cout << HelpFor(options.command == "help" && !options.args.empty() ? options.args[0] : options.command);
+    std::cout << HelpFor(options.command == "help" && !options.args.empty() ? options.args[0]
+                                                                            : options.command);
     return options.command.empty() && !options.help ? 2 : 0;
   }
   if (options.command == "init") return Init(options);

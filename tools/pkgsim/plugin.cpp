@@ -55,8 +55,9 @@ Plugin Plugin::Load(const std::string& path) {
 
 int Plugin::CallForPackage(Operation operation, const host::Manifest& manifest, const std::string& ns,
                            std::ostream& out) const {
-  const EntryPoint entry =
-      operation == Operation::kInstall ? install_ : operation == Operation::kUpgrade ? upgrade_ : uninstall_;
+  const EntryPoint entry = operation == Operation::kInstall   ? install_
+                           : operation == Operation::kUpgrade ? upgrade_
+                                                              : uninstall_;
   int calls = 0;
   for (const host::ManifestApp& app : manifest.apps) {
     const MetadataItems items = ItemsOfNamespace(app, ns);

@@ -12,12 +12,23 @@
 namespace pkgsim {
 
 const std::array<const char*, kColumnCount> kColumnNames = {
-    "name",  "version",          "path",     "pkgid",        "entryPoints",
+    "name",       "version",          "path",     "pkgid",        "entryPoints",
     "pluginType", "hasForceMetaData", "isUpdate", "appWhiteList", "systemPath"};
 
 namespace {
 
-enum Column { kName = 0, kVersion, kPath, kPkgid, kEntryPoints, kType, kForce, kLocation, kAllowList, kSystemPath };
+enum Column {
+  kName = 0,
+  kVersion,
+  kPath,
+  kPkgid,
+  kEntryPoints,
+  kType,
+  kForce,
+  kLocation,
+  kAllowList,
+  kSystemPath
+};
 
 struct DbCloser {
   void operator()(sqlite3* db) const { sqlite3_close(db); }
@@ -131,9 +142,16 @@ std::string ResultFileChange(const Snapshot& before, const Snapshot& after) {
   return before.resultText == after.resultText ? "rewritten (same content)" : "rewritten";
 }
 
+// Termination order matters to whoever reads it, so runs of the same id are counted, not merged.
 std::string Joined(const std::vector<std::string>& items) {
   std::string text;
-  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + (item.empty() ? "\"\"" : item);
+  for (std::size_t i = 0; i < items.size();) {
+    std::size_t run = 1;
+    while (i + run < items.size() && items[i + run] == items[i]) ++run;
+    text += (text.empty() ? "" : ", ") + (items[i].empty() ? std::string("\"\"") : items[i]);
+    if (run > 1) text += " (" + std::to_string(run) + " times)";
+    i += run;
+  }
   return text;
 }
 
@@ -182,8 +200,8 @@ void PrintRecords(const Snapshot& snapshot, std::ostream& out) {
   const std::vector<std::string> headings = {"NAME", "VERSION", "KIND", "ISUPDATE", "FORCE", "PKGID"};
   std::vector<std::vector<std::string>> table = {headings};
   for (const auto& [name, row] : snapshot.rows) {
-    table.push_back({name, row[kVersion], KindName(row[kType]), LocationName(row[kLocation]), row[kForce],
-                     row[kPkgid]});
+    table.push_back(
+        {name, row[kVersion], KindName(row[kType]), LocationName(row[kLocation]), row[kForce], row[kPkgid]});
   }
   std::vector<std::size_t> widths(headings.size(), 0);
   for (const auto& line : table) {
