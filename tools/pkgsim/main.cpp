@@ -437,15 +437,22 @@ int Demo(const Options& options) {
                                step.narration);
     }
   }
-  std::cout << "\nThe device is at " << root << "; go on with: pkgsim --device " << root << " show\n";
+  std::error_code error;
+  const fs::path self = fs::read_symlink("/proc/self/exe", error);
+  std::cout << "\nThe device is at " << root << "; go on with: " << (error ? "pkgsim" : self.string())
+            << " --device " << root << " show\n";
   return 0;
 }
 
 int Run(const Options& options) {
-  if (options.help || options.command.empty() || options.command == "help") {
+  if (options.command.empty() && !options.help) {
+    std::cerr << kGeneralHelp;
+    return 2;
+  }
+  if (options.help || options.command == "help") {
     std::cout << HelpFor(options.command == "help" && !options.args.empty() ? options.args[0]
                                                                             : options.command);
-    return options.command.empty() && !options.help ? 2 : 0;
+    return 0;
   }
   if (options.command == "init") return Init(options);
   if (options.command == "install") return Install(options);
