@@ -41,7 +41,9 @@ constexpr const char* PluginLogBaseName(const char* path) {
 // ---------------------------------------------------------------------------------------------------
 // The plug-in record.
 
-typedef enum {
+// 32 bits wide whatever value is stored: a kind read back from a foreign or damaged database may be any
+// integer, and must still be representable.
+typedef enum : int32_t {
   XWALK_PLUGIN = 0,
   PEPPER_PLUGIN = 1,
   B2B_PEPPER_PLUGIN = 2,

@@ -10,10 +10,10 @@ status=0
 for symbol in VERSION_DB VERSION_DB_BAKUP; do
   grep -qE " [BDGRS] ${symbol}\$" <<<"$defined" || { echo "not exported: $symbol"; status=1; }
 done
-for class in PluginDataUtil; do
+for class in PluginHandler PluginDataUtil VersionSqliteDB DBUtil JsonUtil WebapisUtil; do
   grep -qE " T _ZN[0-9]+${class}" <<<"$defined" || { echo "no member of $class exported"; status=1; }
 done
-for entry in ${WUP_ENTRY_POINTS:-}; do
+for entry in PKGMGR_MDPARSER_PLUGIN_INSTALL PKGMGR_MDPARSER_PLUGIN_UPGRADE PKGMGR_MDPARSER_PLUGIN_UNINSTALL; do
   grep -qE " T ${entry}\$" <<<"$defined" || { echo "entry point not exported: $entry"; status=1; }
 done
 for platform in __dlog_print tzplatform_getenv 'pkgmgrinfo_[a-z_]*' 'vex_[a-z_]*'; do
