@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <stdexcept>
 
 #include "plugin_parser_interface.h"
@@ -64,20 +65,22 @@ int Plugin::Uninstall(const char* pkgid, const char* appid, const MetadataList& 
 // The list holds the package manager's items; a null pair (both pointers null) stands for a node without
 // data, a null key for an item without a key.
 int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const MetadataList& items) {
+  struct ListFree {
+    void operator()(GList* list) const { g_list_free(list); }
+  };
   std::vector<__metadata_t> storage;
   storage.reserve(items.size());
-  GList* list = nullptr;
+  std::unique_ptr<GList, ListFree> list;  // freed also when an exception leaves the plug-in
   for (const auto& item : items) {
-    if (item.first == nullptr && item.second == nullptr) {
-      list = g_list_append(list, nullptr);
-      continue;
+    void* data = nullptr;
+    if (item.first != nullptr || item.second != nullptr) {
+      storage.push_back({item.first, item.second});
+      data = &storage.back();
     }
-    storage.push_back({item.first, item.second});
-    list = g_list_append(list, &storage.back());
+    GList* head = g_list_append(list.release(), data);
+    list.reset(head);
   }
-  const int result = entry(pkgid, appid, list);
-  g_list_free(list);
-  return result;
+  return entry(pkgid, appid, list.get());
 }
 
 // ---------------------------------------------------------------------------------------------------
