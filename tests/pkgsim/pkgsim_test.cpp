@@ -229,7 +229,7 @@ TEST_F(PkgsimTest, BadInputIsRefusedWithOneLineAndTheDeviceUntouched) {
       {{"--device", device_, "install", empty}, "pkgsim: no tizen-manifest.xml in " + empty + "\n"},
       {{"--device", device_, "install", root_ + "/missing"},
        "pkgsim: " + root_ + "/missing is not a package directory\n"},
-      {{"--device", device_, "install", malformed}, "pkgsim: " + malformed + "/tizen-manifest.xml: "},
+      {{"--device", device_, "install", malformed}, "pkgsim: malformed manifest: " + malformed + "/tizen-manifest.xml: not XML"},
       {{"--device", device_, "--plugin", root_ + "/none.so", "install", signage},
        "pkgsim: cannot load the plug-in: "},
       {{"--device", device_, "uninstall", "com.korvane.tv.pepper.nosuch"},

@@ -241,7 +241,7 @@ int Install(const Options& options) {
   if (!fs::is_regular_file(manifestPath)) {
     throw std::runtime_error(std::string("no ") + kManifestName + " in " + options.args[0]);
   }
-  const host::Manifest manifest = ReadManifestOrFail(manifestPath, manifestPath);
+  const host::Manifest manifest = ReadManifestOrFail(manifestPath, "malformed manifest");
   const std::string& pkgid = manifest.package;
   if (!IsSafePackageId(pkgid))
     throw std::runtime_error(manifestPath + ": unusable package id [" + pkgid + "]");
