@@ -1,18 +1,24 @@
 // The version database on real SQLite files in the sandbox: records, the open check and its recovery,
-// the backup copy, and failures provoked through SQLite's own hooks.
+// the backup copy, failures provoked through SQLite's own hooks, another process holding the database
+// (those tests wait on purpose: the busy handler's waits, the check's one-second sleeps), and the facade.
 #include <gmock/gmock.h>
+#include <signal.h>
 #include <sqlite3.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
+#include <memory>
 #include <tuple>
 
+#include "DBUtil.h"
 #include "VersionSqliteDB.h"
 #include "log_capture.h"
 #include "sandbox.h"
 
 using namespace wup_test;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsSupersetOf;
 using Lines = std::vector<std::string>;
 
@@ -137,63 +143,48 @@ std::string Summary(int integrity, int version, int plugin) {
          std::to_string(version) + "], plugin table check[" + std::to_string(plugin) + "]";
 }
 
-// Ways for the main file to go bad, each with what its check reports.
-struct Damage {
-  const char* name;
-  void (*apply)();
-  Lines (*reported)();
-};
-const Damage kDamages[] = {
-    {"Missing", [] { unlink(VERSION_DB); }, [] { return Lines{"Database " + Main() + " is not exist"}; }},
-    {"Empty", [] { WriteFile(Main(), ""); }, [] { return Lines{"database " + Main() + "'s size is 0"}; }},
-    {"Garbage", [] { WriteFile(Main(), kGarbage); },
-     [] {
-       return Lines{"valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [26]",
-                    Summary(0, 0, 0)};
-     }},
-    {"NoVersionTable", [] { Sql(Main(), "drop table versionTable"); },
-     [] {
-       return Lines{Main() + " DB : table check end", Summary(1, 0, 1)};
-     }},
-    {"NoPluginTable", [] { Sql(Main(), "drop table pluginTable"); },
-     [] {
-       return Lines{Main() + " DB : table check end", Summary(1, 1, 0)};
-     }},
-    // Opens and lists both tables, but its integrity check finds pages that nothing uses.
-    {"OrphanedIndexPages",
-     [] {
-       Sql(Main(),
-           "create table t(a); create index i on t(a); insert into t values(1),(2);"
-           "PRAGMA writable_schema=ON; delete from sqlite_master where name='i'");
-     },
-     [] {
-       return Lines{"database integrity_check failed with error 101!", Summary(0, 0, 0)};
-     }},
-};
-
-class OpenCheckTest : public VersionDbTest, public ::testing::WithParamInterface<std::tuple<Damage, bool>> {};
-
-TEST_P(OpenCheckTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
-  const auto [damage, backupValid] = GetParam();
-  StoreKept();
-  damage.apply();
-  if (!backupValid) WriteFile(Backup(), kGarbage);
-  ClearLog();
-  ASSERT_TRUE(db_.m_openDBCheck());
-  EXPECT_THAT(LogMessages(), IsSupersetOf(damage.reported()));
-  EXPECT_FALSE(LogHas("db valid check pass"));
-  EXPECT_EQ(LogHas("db and backup db are not valid, now create db"), !backupValid);
-  EXPECT_EQ(ReadFile(Backup()), ReadFile(Main()));
-  EXPECT_EQ(List(), backupValid ? Lines{"kept"} : Lines{});
-  EXPECT_TRUE(LogHas("db valid check pass"));
+TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
+  // Ways for the main file to go bad, each with what its check reports.
+  const std::string notADatabase =
+      "valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [26]";
+  const std::string tablesChecked = Main() + " DB : table check end";
+  const struct {
+    const char* name;
+    void (*apply)();
+    Lines reported;
+  } damages[] = {
+      {"missing", [] { unlink(VERSION_DB); }, {"Database " + Main() + " is not exist"}},
+      {"empty", [] { WriteFile(Main(), ""); }, {"database " + Main() + "'s size is 0"}},
+      {"garbage", [] { WriteFile(Main(), kGarbage); }, {notADatabase, Summary(0, 0, 0)}},
+      {"no versionTable", [] { Sql(Main(), "drop table versionTable"); }, {tablesChecked, Summary(1, 0, 1)}},
+      {"no pluginTable", [] { Sql(Main(), "drop table pluginTable"); }, {tablesChecked, Summary(1, 1, 0)}},
+      // Opens and lists both tables, but its integrity check finds pages that nothing uses.
+      {"orphaned index pages",
+       [] {
+         Sql(Main(),
+             "create table t(a); create index i on t(a); insert into t values(1),(2);"
+             "PRAGMA writable_schema=ON; delete from sqlite_master where name='i'");
+       },
+       {"database integrity_check failed with error 101!", Summary(0, 0, 0)}},
+  };
+  for (const auto& damage : damages) {
+    for (bool backupValid : {true, false}) {
+      SCOPED_TRACE(std::string(damage.name) + (backupValid ? ", good backup" : ", bad backup"));
+      Device().Reset();
+      StoreKept();
+      damage.apply();
+      if (!backupValid) WriteFile(Backup(), kGarbage);
+      ClearLog();
+      ASSERT_TRUE(db_.m_openDBCheck());
+      EXPECT_THAT(LogMessages(), IsSupersetOf(damage.reported));
+      EXPECT_FALSE(LogHas("db valid check pass"));
+      EXPECT_EQ(LogHas("db and backup db are not valid, now create db"), !backupValid);
+      EXPECT_EQ(ReadFile(Backup()), ReadFile(Main()));
+      EXPECT_EQ(List(), backupValid ? Lines{"kept"} : Lines{});
+      EXPECT_TRUE(LogHas("db valid check pass"));
+    }
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(Damages, OpenCheckTest,
-                         ::testing::Combine(::testing::ValuesIn(kDamages), ::testing::Bool()),
-                         [](const auto& info) {
-                           return std::get<0>(info.param).name +
-                                  std::string(std::get<1>(info.param) ? "_GoodBackup" : "_BadBackup");
-                         });
 
 TEST_F(VersionDbTest, FailuresAreLoggedAndReportedFalse) {
   StoreKept();
@@ -299,6 +290,138 @@ TEST_F(VersionDbTest, ReadRecoversFromDamageAfterItsCheckOrFailsCleanly) {
   EXPECT_FALSE(db_.m_getPluginDataFromPluginTable(missingTable, map));
   EXPECT_TRUE(LogHas("prepare object fail : 1"));
   EXPECT_TRUE(map.empty());
+}
+
+// db_lock_holder, holding the main database from construction until destruction.
+struct LockHolder {
+  LockHolder() {
+    int out[2];
+    if (pipe(out) != 0) return;
+    if ((pid = fork()) == 0) {
+      dup2(out[1], STDOUT_FILENO);
+      execl(WUP_TEST_TOOLS_DIR "/db_lock_holder", "db_lock_holder", VERSION_DB, nullptr);
+      _exit(127);
+    }
+    close(out[1]);
+    char answer[16] = "";
+    locked = read(out[0], answer, sizeof answer - 1) > 0 && std::string(answer) == "locked\n";
+    close(out[0]);
+  }
+  ~LockHolder() {
+    kill(pid, SIGTERM);
+    waitpid(pid, nullptr, 0);
+  }
+  bool locked = false;
+  pid_t pid = -1;
+};
+
+// One blocked call: the busy handler waits five times and gives up; then what its caller logs.
+void AddRound(Lines& lines, const Lines& then) {
+  for (int count = 0; count < 5; ++count) {
+    lines.push_back("database is lock now,can not write/read.count is [" + std::to_string(count) + "]\n");
+  }
+  lines.push_back("wait count is [5], not keep waiting..\n");
+  lines.insert(lines.end(), then.begin(), then.end());
+}
+
+TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherProcessHoldsTheDatabase) {
+  StoreKept();
+  _PluginData record = Record("blocked", "1");
+  {
+    LockHolder holder;
+    ASSERT_TRUE(holder.locked);
+    EXPECT_FALSE(db_.InsertPluginData(record));
+    PluginDataMap map;
+    EXPECT_FALSE(db_.GetPluginList(map));
+  }
+  // The check cannot read the locked file and takes the backup instead; the write's own transaction waits
+  // in vain, and recovery's retry has no busy handler to wait with. The read waits in vain as well.
+  const std::string check = "valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [5]";
+  Lines expected;
+  for (const Lines& then :
+       {Lines{check},
+        Lines{"begin a transaction fail, ret = 5, errormsg: database is locked", kBroken,
+              "BEGIN EXCLUSIVE failed:[5, database is locked]\n", "insert into pluginTable fail!!"},
+        Lines{check}, Lines{"prepare object fail : 5", "get plugin list fail"}}) {
+    AddRound(expected, then);
+  }
+  Lines log;
+  for (const std::string& line : LogMessages()) {
+    if (std::find(expected.begin(), expected.end(), line) != expected.end()) log.push_back(line);
+  }
+  EXPECT_THAT(log, ElementsAreArray(expected));
+  record.name = "after";
+  EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other process is gone";
+}
+
+// Has the other process take the lock when `sql` is first stepped, after it was prepared.
+struct LockOnStep {
+  std::string sql;
+  std::unique_ptr<LockHolder> holder;
+  static int Trace(unsigned, void* self, void* stmt, void*) {
+    auto& lock = *static_cast<LockOnStep*>(self);
+    if (!lock.holder && lock.sql == sqlite3_sql(static_cast<sqlite3_stmt*>(stmt))) {
+      lock.holder = std::make_unique<LockHolder>();
+    }
+    return 0;
+  }
+};
+
+TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenFails) {
+  StoreKept();
+  const std::pair<const char*, int> loops[] = {{"PRAGMA integrity_check;", 0},
+                                               {"select name from sqlite_master where type = 'table';", 1}};
+  for (const auto& [sql, integrity] : loops) {
+    SCOPED_TRACE(sql);
+    LockOnStep lock{sql, nullptr};
+    g_onOpen = [&lock](sqlite3* db) {
+      return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, LockOnStep::Trace, &lock);
+    };
+    ClearLog();
+    EXPECT_FALSE(db_.m_validCheck(VERSION_DB));
+    g_onOpen = nullptr;
+    ASSERT_TRUE(lock.holder && lock.holder->locked);
+
+    Lines expected = {"set DB busy"};
+    for (int count = 0; count < 3; ++count) {
+      AddRound(expected, {"sqlite3 busy, wait 1 sec and try again. count is " + std::to_string(count)});
+    }
+    expected.push_back(Summary(integrity, 0, 0));
+    EXPECT_THAT(LogMessages(), ElementsAreArray(expected));
+  }
+}
+
+TEST_F(VersionDbTest, FacadeFlagFollowsSuccessfulChangesOnlyAndStartsAfreshWithANewFacade) {
+  DBUtil& util = *CSingleton<DBUtil>::GetInstance();
+  EXPECT_FALSE(util.IsUpdate());
+  EXPECT_TRUE(util.RemoveAllPluginDataFromDB());
+  EXPECT_FALSE(util.IsUpdate()) << "emptying the table is not an update";
+  _PluginData record = Record("stored", "1");
+  EXPECT_TRUE(util.InsertPluginDataToDB(record));
+  EXPECT_TRUE(util.IsUpdate());
+  util.SetIsUpdate(false);
+  EXPECT_TRUE(util.RemovePluginDataFromDB("never stored"));
+  EXPECT_TRUE(util.IsUpdate());
+
+  PluginDataMap map{{"leftover", {}}};
+  ClearLog();
+  EXPECT_TRUE(util.GetPluginListFromDB(map));
+  EXPECT_EQ(LogMessages().front(), "GetPluginListFromDB");
+  EXPECT_THAT(Names(map), ElementsAre("stored"));
+
+  RemoveTree(Device().db);  // nothing can be stored any more
+  util.SetIsUpdate(false);
+  EXPECT_FALSE(util.RemovePluginDataFromDB("stored"));
+  EXPECT_FALSE(util.InsertPluginDataToDB(record));
+  EXPECT_FALSE(util.IsUpdate()) << "failed changes leave the flag as it was";
+
+  // Destroying the facade destroys the shared database object too; a new facade starts afresh.
+  util.SetIsUpdate(true);
+  CSingleton<DBUtil>::DestroyInstance();
+  EXPECT_EQ(CSingleton<VersionSqliteDB>::m_pObj, nullptr);
+  EXPECT_FALSE(CSingleton<DBUtil>::GetInstance()->IsUpdate());
+  EXPECT_NE(CSingleton<VersionSqliteDB>::m_pObj, nullptr);
+  CSingleton<DBUtil>::DestroyInstance();
 }
 
 }  // namespace
