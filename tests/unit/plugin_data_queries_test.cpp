@@ -1,6 +1,5 @@
-// Package metadata queries of PluginDataUtil on the sandbox device: kind, name, allow-list, force flag,
-// root path and version, the exact log of each answer, and the release of every package-information
-// record exactly once on every path.
+// Package metadata queries of PluginDataUtil on the sandbox device: the answer and exact log of each, and
+// the release of every package-information record exactly once on every path.
 #include <gtest/gtest.h>
 #include <pkgmgr-info-host.h>
 
@@ -19,6 +18,9 @@ using Lines = std::vector<std::string>;
 
 const std::string kId = "com.korvane.tv.pepper.sampleplayer";
 const std::string kTag = "[" + kId + "]";
+const std::string& kTypeKey = strMETADATA_TYPE_KEY;
+const std::string& kListKey = strMETADATA_APPLIST_KEY;
+const std::string& kForceKey = strMETADATA_FORCE_KEY;
 
 class PluginDataQueriesTest : public ::testing::Test {
  protected:
@@ -46,71 +48,60 @@ class PluginDataQueriesTest : public ::testing::Test {
   PluginDataUtil util_;
 };
 
-TEST_F(PluginDataQueriesTest, PluginTypeIsDecidedByTheExactMetadataValue) {
-  const std::pair<std::string, PLUGIN_TYPE> cases[] = {
-      {"pepperplugin", PEPPER_PLUGIN},        {"xwalkplugin", XWALK_PLUGIN},
-      {"b2bpepperplugin", B2B_PEPPER_PLUGIN}, {"xwalkplugin ", UNKNOWN_PLUGIN},
-      {"Pepperplugin", UNKNOWN_PLUGIN},       {"", UNKNOWN_PLUGIN}};
+// Type, allow-list and force flag are taken from the metadata value as it is: no trimming, no case folding.
+TEST_F(PluginDataQueriesTest, MetadataValuesAreTakenExactly) {
+  const std::pair<std::string, PLUGIN_TYPE> cases[] = {{"pepperplugin", PEPPER_PLUGIN},
+                                                       {"xwalkplugin", XWALK_PLUGIN},
+                                                       {"b2bpepperplugin", B2B_PEPPER_PLUGIN},
+                                                       {"xwalkplugin ", UNKNOWN_PLUGIN},
+                                                       {"Pepperplugin", UNKNOWN_PLUGIN},
+                                                       {"", UNKNOWN_PLUGIN},
+                                                       {"true", UNKNOWN_PLUGIN},
+                                                       {" true", UNKNOWN_PLUGIN},
+                                                       {"True", UNKNOWN_PLUGIN},
+                                                       {" com.korvane.tv.browser, x ,y", UNKNOWN_PLUGIN}};
   for (const auto& [value, type] : cases) {
     SCOPED_TRACE("[" + value + "]");
-    Install({{strMETADATA_TYPE_KEY, value}});
+    Install({{kTypeKey, value}, {kListKey, value}, {kForceKey, value}});
+    std::string list;
     EXPECT_EQ(util_.GetPluginType(kId), type);
-    EXPECT_EQ(LogMessages(),
-              (Lines{Found(strMETADATA_TYPE_KEY, value), kTag + " type is [" + std::to_string(type) + "]"}));
+    EXPECT_TRUE(util_.CheckTPKofAppWhiteList(kId, list));
+    EXPECT_EQ(list, value);
+    EXPECT_EQ(util_.CheckTPKForceMetadata(kId), value == "true");
+    EXPECT_EQ(LogMessages(), (Lines{Found(kTypeKey, value), kTag + " type is [" + std::to_string(type) + "]",
+                                    Found(kListKey, value), Found(kForceKey, value)}));
   }
-  const wup_test::LogEntry& line = wup_test::LogEntries().back();
-  EXPECT_EQ(line.text.rfind("PluginDataUtil.cpp: GetPluginType(", 0), 0u) << line.text;
-  EXPECT_EQ(line.tag + std::to_string(line.logId) + std::to_string(line.priority), "KelvoManager04");
-
-  Install({{"upgradable_webapi_type", "pepperplugin"}});  // the key without its namespace is another key
+  // Absent metadata: the key without its namespace is another key; an absent application is silent.
+  Install({{"upgradable_webapi_type", "pepperplugin"}});
+  std::string list = "before";
   EXPECT_EQ(util_.GetPluginType(kId), UNKNOWN_PLUGIN);
-  EXPECT_EQ(LogMessages(), (Lines{NotFound(strMETADATA_TYPE_KEY), "get plugin type fail!"}));
+  EXPECT_FALSE(util_.CheckTPKofAppWhiteList(kId, list));
+  EXPECT_FALSE(util_.CheckTPKForceMetadata("com.korvane.tv.pepper.absent"));
+  EXPECT_EQ(list, "before");
+  EXPECT_EQ(LogMessages(), (Lines{NotFound(kTypeKey), "get plugin type fail!", NotFound(kListKey)}));
 }
 
 TEST_F(PluginDataQueriesTest, PluginNameIsWhatFollowsTheFirstPepperOrElseXwalkFragment) {
-  const struct {
-    std::string id, name, log;  // the output starts as "before"
-  } cases[] = {
+  const std::string cases[][3] = {
+      // id, the name afterwards (it starts as "before"), log
       {"com.korvane.tv.pepper.sampleplayer", "sampleplayer", "pluginName[sampleplayer]"},
       {"com.korvane.tv.xwalk.tv.channel", "tv.channel", "pluginName[tv.channel]"},
-      {"org.pepper.xwalk.a", "xwalk.a", "pluginName[xwalk.a]"},
       {"com.korvane.tv.xwalk.pepper.x", "x", "pluginName[x]"},
       {"my.pepper.pepper.y", "pepper.y", "pluginName[pepper.y]"},
       {"xwalk.a.pepper.", "", "get plugin name fail"},
-      {"com.korvane.tv.pepper.", "", "get plugin name fail"},
       {"com.korvane.tv.xwalk.", "", "get plugin name fail"},
       {"com.korvane.tv.Pepper.x", "before", "invalid pkgid:[com.korvane.tv.Pepper.x]"},
       {"", "before", "empty id"},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE("[" + c.id + "]");
+  for (const auto& [constId, expected, log] : cases) {
+    SCOPED_TRACE("[" + constId + "]");
     wup_test::ClearLog();
-    std::string id = c.id;
+    std::string id = constId;
     std::string name = "before";
-    EXPECT_EQ(util_.GetPluginNameByID(id, name), !c.name.empty() && c.name != "before");
-    EXPECT_EQ(name, c.name);
-    EXPECT_EQ(LogMessages(), (Lines{c.log}));
+    EXPECT_EQ(util_.GetPluginNameByID(id, name), !expected.empty() && expected != "before");
+    EXPECT_EQ(name, expected);
+    EXPECT_EQ(LogMessages(), (Lines{log}));
   }
-}
-
-TEST_F(PluginDataQueriesTest, AllowListIsRawTextAndForceNeedsExactlyTrue) {
-  const std::string raw = " com.korvane.tv.browser, com.korvane.tv.store ,x";
-  Install({{strMETADATA_APPLIST_KEY, raw}, {strMETADATA_FORCE_KEY, "true"}});
-  std::string list;
-  EXPECT_TRUE(util_.CheckTPKofAppWhiteList(kId, list));
-  EXPECT_EQ(list, raw);
-  EXPECT_TRUE(util_.CheckTPKForceMetadata(kId));
-  EXPECT_EQ(LogMessages(),
-            (Lines{Found(strMETADATA_APPLIST_KEY, raw), Found(strMETADATA_FORCE_KEY, "true")}));
-  for (const std::string value : {"TRUE", "True", " true", "1", "yes"}) {
-    Install({{strMETADATA_FORCE_KEY, value}});
-    EXPECT_FALSE(util_.CheckTPKForceMetadata(kId)) << value;
-  }
-  list = "before";
-  EXPECT_FALSE(util_.CheckTPKofAppWhiteList(kId, list));
-  EXPECT_FALSE(util_.CheckTPKForceMetadata("com.korvane.tv.pepper.absent"));
-  EXPECT_EQ(list, "before");
-  EXPECT_EQ(LogMessages().back(), NotFound(strMETADATA_APPLIST_KEY)) << "an absent application is silent";
 }
 
 TEST_F(PluginDataQueriesTest, VersionOfThePackageAndItsFailures) {
@@ -133,35 +124,32 @@ TEST_F(PluginDataQueriesTest, VersionOfThePackageAndItsFailures) {
 // Each application query with each of its platform calls failing: the answer, the log line or the
 // required silence, and the release of every application record that was obtained.
 TEST_F(PluginDataQueriesTest, FailingPlatformCallsAreReportedOrSilentAsRequired) {
-  Install({{strMETADATA_TYPE_KEY, "xwalkplugin"}, {strMETADATA_APPLIST_KEY, "a"}});
+  Install({{kTypeKey, "xwalkplugin"}, {kListKey, "a"}});
   const std::string root = wup_test::Device().rwApp + "/" + kId;
   const struct {
-    std::string failing;
+    std::string call;  // pkgmgrinfo_appinfo_<call>
     int releases;
     Lines log;
   } cases[] = {
-      {"pkgmgrinfo_appinfo_get_appinfo", 0, {"get plugin type fail!"}},
-      {"pkgmgrinfo_appinfo_get_root_path",
+      {"get_appinfo", 0, {"get plugin type fail!"}},
+      {"get_root_path", 3, {Found(kTypeKey, "xwalkplugin"), kTag + " type is [0]", Found(kListKey, "a")}},
+      {"get_metadata_value",
        3,
-       {Found(strMETADATA_TYPE_KEY, "xwalkplugin"), kTag + " type is [0]",
-        Found(strMETADATA_APPLIST_KEY, "a")}},
-      {"pkgmgrinfo_appinfo_get_metadata_value",
-       3,
-       {kTag + "'s root path:[" + root + "]", NotFound(strMETADATA_TYPE_KEY), "get plugin type fail!",
-        NotFound(strMETADATA_APPLIST_KEY)}},
+       {kTag + "'s root path:[" + root + "]", NotFound(kTypeKey), "get plugin type fail!",
+        NotFound(kListKey)}},
   };
   for (const auto& c : cases) {
-    SCOPED_TRACE(c.failing);
-    setenv("HOST_PKGMGRINFO_FAIL", c.failing.c_str(), 1);
+    SCOPED_TRACE(c.call);
+    setenv("HOST_PKGMGRINFO_FAIL", ("pkgmgrinfo_appinfo_" + c.call).c_str(), 1);
     wup_test::ClearLog();
     host_pkgmgrinfo_reset_counters();
     std::string path = "before";
     std::string list = "before";
-    EXPECT_EQ(util_.m_GetRootPath(kId, path), c.failing == "pkgmgrinfo_appinfo_get_metadata_value");
+    EXPECT_EQ(util_.m_GetRootPath(kId, path), c.call == "get_metadata_value");
     util_.GetPluginType(kId);
-    EXPECT_EQ(util_.CheckTPKofAppWhiteList(kId, list), c.failing == "pkgmgrinfo_appinfo_get_root_path");
-    EXPECT_EQ(path, c.failing == "pkgmgrinfo_appinfo_get_metadata_value" ? root : "before");
-    EXPECT_EQ(list, c.failing == "pkgmgrinfo_appinfo_get_root_path" ? "a" : "before");
+    EXPECT_EQ(util_.CheckTPKofAppWhiteList(kId, list), c.call == "get_root_path");
+    EXPECT_EQ(path, c.call == "get_metadata_value" ? root : "before");
+    EXPECT_EQ(list, c.call == "get_root_path" ? "a" : "before");
     EXPECT_EQ(LogMessages(), c.log);
     EXPECT_EQ(host_pkgmgrinfo_calls("pkgmgrinfo_appinfo_destroy_appinfo"), c.releases);
   }
