@@ -13,6 +13,7 @@
 #include <stdexcept>
 
 #include "plugin_parser_interface.h"
+#include "sample_packages.h"
 
 namespace wup_e2e {
 
@@ -98,22 +99,11 @@ Device::~Device() {
 
 namespace {
 
-std::string Manifest(const Package& package, const std::string& version) {
-  std::string xml = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-                    "<manifest xmlns=\"http://tizen.org/ns/packages\" package=\"" + package.pkgid + "\"";
-  if (!version.empty()) xml += " version=\"" + version + "\"";
-  xml += " api-version=\"6.0\">\n  <ui-application appid=\"" + package.pkgid + "\" exec=\"plugin\" type=\"capp\">\n";
-  if (!package.kind.empty()) xml += "    <metadata key=\"" + TypeKey() + "\" value=\"" + package.kind + "\"/>\n";
-  if (!package.appList.empty()) {
-    xml += "    <metadata key=\"" + AppListKey() + "\" value=\"" + package.appList + "\"/>\n";
-  }
-  xml += "  </ui-application>\n</manifest>\n";
-  return xml;
-}
-
 void PlaceCopy(const Package& package, const std::string& packagesDir, const std::string& appsDir,
                const std::string& version) {
-  wup_test::WriteFile(packagesDir + "/" + package.pkgid + ".xml", Manifest(package, version));
+  wup_test::Metadata metadata;
+  for (const auto& item : MetadataOf(package)) metadata.emplace_back(item.first, item.second);
+  wup_test::WriteManifest(packagesDir, package.pkgid, version, {package.pkgid}, metadata);
   const std::string res = appsDir + "/" + package.pkgid + "/shared/res";
   wup_test::MakeDirs(res);
   for (const auto& description : package.descriptions) {

@@ -1,7 +1,7 @@
 // Packages on the sandbox device as the package manager leaves them: a manifest in the writable or
 // read-only manifest directory. Sample texts hold no XML markup, so nothing is escaped.
-#ifndef WUP_TESTS_UNIT_SAMPLE_PACKAGES_H_
-#define WUP_TESTS_UNIT_SAMPLE_PACKAGES_H_
+#ifndef WUP_TESTS_SUPPORT_SAMPLE_PACKAGES_H_
+#define WUP_TESTS_SUPPORT_SAMPLE_PACKAGES_H_
 
 #include <string>
 #include <utility>
@@ -29,4 +29,4 @@ inline void WriteManifest(const std::string& dir, const std::string& package, co
 
 }  // namespace wup_test
 
-#endif  // WUP_TESTS_UNIT_SAMPLE_PACKAGES_H_
+#endif  // WUP_TESTS_SUPPORT_SAMPLE_PACKAGES_H_
