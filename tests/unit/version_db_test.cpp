@@ -342,14 +342,16 @@ TEST_F(VersionDbTest, ReadRecoversFromDamageAfterItsCheckOrFailsCleanly) {
   EXPECT_TRUE(map.empty());
 }
 
-// db_lock_holder, holding the main database from construction until destruction.
+// db_lock_holder, holding the main database from construction until destruction, or for `milliseconds`.
 struct LockHolder {
-  LockHolder() {
+  explicit LockHolder(int milliseconds = 0) {
+    const std::string hold = std::to_string(milliseconds);
     int out[2];
     if (pipe(out) != 0) return;
     if ((pid = fork()) == 0) {
       dup2(out[1], STDOUT_FILENO);
-      execl(WUP_TEST_TOOLS_DIR "/db_lock_holder", "db_lock_holder", VERSION_DB, nullptr);
+      execl(WUP_TEST_TOOLS_DIR "/db_lock_holder", "db_lock_holder", VERSION_DB,
+            milliseconds > 0 ? hold.c_str() : nullptr, nullptr);
       _exit(127);
     }
     close(out[1]);
@@ -404,18 +406,37 @@ TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherProcessHoldsTheDatabase) {
   EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other process is gone";
 }
 
-// Has the other process take the lock when `sql` is first stepped, after it was prepared.
+// Has the other process take the lock when `sql` is first stepped, after it was prepared, and hold it
+// for `milliseconds` (0: until the holder is destroyed).
 struct LockOnStep {
   std::string sql;
+  int milliseconds = 0;
   std::unique_ptr<LockHolder> holder;
   static int Trace(unsigned, void* self, void* stmt, void*) {
     auto& lock = *static_cast<LockOnStep*>(self);
     if (!lock.holder && lock.sql == sqlite3_sql(static_cast<sqlite3_stmt*>(stmt))) {
-      lock.holder = std::make_unique<LockHolder>();
+      lock.holder = std::make_unique<LockHolder>(lock.milliseconds);
     }
     return 0;
   }
+  void TraceEveryConnection() {
+    g_onOpen = [this](sqlite3* db) { return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, Trace, this); };
+  }
 };
+
+TEST_F(VersionDbTest, AWriteWaitsOutAShortLockOfAnotherProcess) {
+  StoreKept();
+  // Held for 100 ms, well within the busy handler's five waits of 50 ms.
+  LockOnStep lock{"BEGIN EXCLUSIVE", 100, nullptr};
+  lock.TraceEveryConnection();
+  _PluginData record = Record("patient", "1");
+  EXPECT_TRUE(db_.InsertPluginData(record));
+  g_onOpen = nullptr;
+  ASSERT_TRUE(lock.holder && lock.holder->locked);
+  EXPECT_TRUE(LogHas("database is lock now,can not write/read.count is [0]\n"));
+  EXPECT_FALSE(LogHas(kBroken));
+  EXPECT_THAT(List(), ElementsAre("kept", "patient"));
+}
 
 TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenFails) {
   StoreKept();
@@ -423,10 +444,8 @@ TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenF
                                                {"select name from sqlite_master where type = 'table';", 1}};
   for (const auto& [sql, integrity] : loops) {
     SCOPED_TRACE(sql);
-    LockOnStep lock{sql, nullptr};
-    g_onOpen = [&lock](sqlite3* db) {
-      return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, LockOnStep::Trace, &lock);
-    };
+    LockOnStep lock{sql, 0, nullptr};
+    lock.TraceEveryConnection();
     ClearLog();
     EXPECT_FALSE(db_.m_validCheck(VERSION_DB));
     g_onOpen = nullptr;
