@@ -26,10 +26,10 @@
 // Numbered: open, open64, openat, openat64, creat, creat64, fopen, fopen64 and fdopen that open for
 // writing (O_WRONLY, O_RDWR, O_CREAT or O_TRUNC; a mode with 'w', 'a' or '+'); write, pwrite, pwrite64,
 // writev on descriptors above 2; fsync, fdatasync; rename, renameat; unlink, unlinkat, remove; mkdir,
-// rmdir; ftruncate, ftruncate64; close and fclose of what was opened for writing; and fwrite, fputs,
-// fprintf, fflush on streams opened for writing (glibc's stdio writes through internal calls that no
-// shim sees). The platform log, HOST_DLOG_FILE, is never numbered. On 64-bit Linux the 64 variants are
-// the same calls, so each goes to the same real function.
+// rmdir; ftruncate, ftruncate64; close, fflush and fclose of what was opened for writing (glibc's stdio
+// writes its buffer through internal calls that no shim sees, at fflush and fclose, so a stream is
+// numbered there). The platform log, HOST_DLOG_FILE, is never numbered. On 64-bit Linux the 64 variants
+// are the same calls, so each goes to the same real function.
 #define _GNU_SOURCE
 #include <dlfcn.h>
 #include <errno.h>
@@ -62,8 +62,11 @@ static void Init(void) {
   const char* name = getenv("WUP_SHIM_MODE");
   const char* number = getenv("WUP_SHIM_AT");
   const char* trace = getenv("WUP_SHIM_TRACE");
-  mode = !name ? kOff : !strcmp(name, "count") ? kCount : !strcmp(name, "kill") ? kKill
-       : !strcmp(name, "enospc") ? kEnospc : kOff;
+  mode = !name                     ? kOff
+         : !strcmp(name, "count")  ? kCount
+         : !strcmp(name, "kill")   ? kKill
+         : !strcmp(name, "enospc") ? kEnospc
+                                   : kOff;
   at = number ? atol(number) : 0;
   logPath = getenv("HOST_DLOG_FILE");
   cutDir = getenv("WUP_SHIM_POWERCUT");
@@ -132,7 +135,8 @@ static void Keep(int dirfd, const char* path) {
   }
   const int in = REAL(openat)(dirfd, path, O_RDONLY | O_CLOEXEC);
   const int out = REAL(open)(name, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  for (ssize_t n; in >= 0 && out >= 0 && (n = read(in, buffer, sizeof buffer)) > 0;) REAL(write)(out, buffer, n);
+  for (ssize_t n; in >= 0 && out >= 0 && (n = read(in, buffer, sizeof buffer)) > 0;)
+    REAL(write)(out, buffer, n);
   if (in >= 0) REAL(close)(in);
   if (out >= 0) REAL(close)(out);
 }
@@ -167,13 +171,13 @@ static int Open(const char* call, int dirfd, const char* path, int flags, mode_t
   return fd;
 }
 
-#define OPEN_MODE(flags, last)                                 \
-  mode_t perm = 0;                                             \
-  if ((flags) & (O_CREAT | O_TMPFILE)) {                       \
-    va_list args;                                              \
-    va_start(args, last);                                      \
-    perm = va_arg(args, mode_t);                               \
-    va_end(args);                                              \
+#define OPEN_MODE(flags, last)           \
+  mode_t perm = 0;                       \
+  if ((flags) & (O_CREAT | O_TMPFILE)) { \
+    va_list args;                        \
+    va_start(args, last);                \
+    perm = va_arg(args, mode_t);         \
+    va_end(args);                        \
   }
 
 int open(const char* path, int flags, ...) {
@@ -192,7 +196,9 @@ int openat64(int dirfd, const char* path, int flags, ...) {
   OPEN_MODE(flags, flags);
   return Open("openat", dirfd, path, flags, perm);
 }
-int creat(const char* path, mode_t perm) { return Open("creat", AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC, perm); }
+int creat(const char* path, mode_t perm) {
+  return Open("creat", AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC, perm);
+}
 int creat64(const char* path, mode_t perm) { return creat(path, perm); }
 
 static FILE* OpenStream(FILE* (*real)(const char*, const char*), const char* path, const char* how) {
@@ -302,34 +308,19 @@ int remove(const char* path) {
   return unlinkat(AT_FDCWD, path, Stat(AT_FDCWD, path, &st) && S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
 }
 
-int mkdir(const char* path, mode_t perm) { return Numbered("mkdir", path, -1) ? Refuse() : REAL(mkdir)(path, perm); }
+int mkdir(const char* path, mode_t perm) {
+  return Numbered("mkdir", path, -1) ? Refuse() : REAL(mkdir)(path, perm);
+}
 
 // --- stdio --------------------------------------------------------------------------------------------
 
-// Numbers a call on a stream opened for writing; true when its buffered data would meet a full disk.
+// Numbers the flush or close of a stream opened for writing; true when the disk is full.
 static bool StreamCall(const char* call, FILE* stream) {
   const int fd = StreamFd(stream);
   if (!Tracked(fd)) return false;
   const bool full = Numbered(call, NULL, fd);
   KeepFd(fd);
   return full;
-}
-
-size_t fwrite(const void* data, size_t size, size_t count, FILE* stream) {
-  StreamCall("fwrite", stream);  // lands in the buffer: a full disk shows at the flush
-  return REAL(fwrite)(data, size, count, stream);
-}
-int fputs(const char* text, FILE* stream) {
-  StreamCall("fputs", stream);
-  return REAL(fputs)(text, stream);
-}
-int fprintf(FILE* stream, const char* format, ...) {
-  StreamCall("fprintf", stream);
-  va_list args;
-  va_start(args, format);
-  const int result = vfprintf(stream, format, args);
-  va_end(args);
-  return result;
 }
 
 int fflush(FILE* stream) {

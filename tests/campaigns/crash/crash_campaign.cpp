@@ -1,7 +1,7 @@
 // The crash campaign: every operation of a sequence of package operations on a sandbox device is cut short
 // at each of its write-side calls, then called again, and what is left is classified.
 //
-//   crash_campaign kill|powercut|enospc [--every N] [--from K]
+//   crash_campaign kill|powercut|enospc [--every N | --at K]
 //
 // kill: the process is killed right before call k. powercut: the same, and then the data the process had
 // not synced is lost (renames, creations and removals stay). enospc: from call k on the disk is full, and
@@ -9,8 +9,9 @@
 // disk back. Each operation is first run twice without a cut: the first run gives the number of calls
 // and the new result file, the second the state that the operation settles at (an operation that needs
 // the second run to get there is a finding of its own). With --every N only every N-th point is tried,
-// starting at K (default 1). The figures go to standard output; the exit status is 1 when anything was
-// found that must not happen, 0 otherwise. WUP_CAMPAIGN_KEEP=1 keeps the work directory.
+// and the last N of each operation, where the result file is written; with --at K only point K. The
+// figures go to standard output; the exit status is 1 when anything was found that must not happen, 0
+// otherwise. WUP_CAMPAIGN_KEEP=1 keeps the work directory.
 #include <json/json.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -41,6 +42,7 @@ using wup_test::ReadLines;
 namespace {
 
 constexpr unsigned kWatchdogSeconds = 60;  // far beyond the longest wait the plug-in may take
+const char kCreateDb[] = "db and backup db are not valid, now create db";
 
 struct Package {
   std::string pkgid, version, kind, appList;
@@ -60,7 +62,10 @@ Package Ambient(const std::string& version) {
     return R"({"name": ")" + name + R"(", "lib": "lib)" + name + R"(.so", "version": ")" + version +
            R"(", "entry_points": ["tizen.)" + name + R"("]})";
   };
-  return {"com.korvane.tv.xwalk.ambient", version, "xwalkplugin", "Hj2Kl4Mn6P.TvGuide",
+  return {"com.korvane.tv.xwalk.ambient",
+          version,
+          "xwalkplugin",
+          "Hj2Kl4Mn6P.TvGuide",
           {{"ambient.json", "[" + extension("ambient") + ", " + extension("ambient.light") + "]"}}};
 }
 
@@ -113,8 +118,9 @@ Database Inspect(const std::string& path, const std::string& scratch) {
   sqlite3_open_v2(scratch.c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
   const std::unique_ptr<sqlite3, SqliteClose> db(raw);
   const auto check = Query(db.get(), "PRAGMA integrity_check");
-  const auto tables =
-      Query(db.get(), "select name from sqlite_master where type = 'table' and name in ('pluginTable', 'versionTable')");
+  const auto tables = Query(
+      db.get(),
+      "select name from sqlite_master where type = 'table' and name in ('pluginTable', 'versionTable')");
   database.valid = !check.empty() && check[0][0] == "ok" && tables.size() == 2;
   if (database.valid) database.rows = Query(db.get(), "select * from pluginTable order by name");
   return database;
@@ -128,8 +134,11 @@ struct State {
 
 class Campaign {
  public:
-  Campaign(std::string mode, int every, int from)
-      : mode_(std::move(mode)), every_(every), from_(from), work_(wup_test::MakeTempDir("wup-crash")),
+  Campaign(std::string mode, int every, int at)
+      : mode_(std::move(mode)),
+        every_(every),
+        at_(at),
+        work_(wup_test::MakeTempDir("wup-crash")),
         device_(wup_test::SandboxLayout::At(work_ + "/device")) {
     device_.Export();
   }
@@ -161,13 +170,12 @@ class Campaign {
   std::string CutCall(long k) const;
   std::vector<std::string> Shim(long k) const;
   void Check(const Step& step, const Reference& reference, long k);
-  void CheckRecords(const Step& step, const Reference& reference, const State& cut, const State& after,
-                    const std::string& openCheck);
+  void CheckRecords(const Step& step, const Reference& reference, const State& cut, const State& after);
   // Counts one aspect's outcome at the point in `where_`; a finding is an outcome that must never happen.
   void Note(const std::string& aspect, const std::string& outcome, bool finding);
 
   std::string mode_;
-  int every_, from_;
+  int every_, at_;  // at_: the one point to try, or 0
   std::string work_;
   wup_test::SandboxLayout device_;
   long points_ = 0;
@@ -224,7 +232,8 @@ State Campaign::Observe() const {
   if (fs::exists(Result())) state.result = ReadFile(Result());
   state.main = Inspect(Db(), work_ + "/inspect.db");
   state.backup = Inspect(Backup(), work_ + "/inspect.db");
-  for (const std::string& line : ReadLines(device_.log)) state.log.push_back(line.substr(line.find(" > ") + 3));
+  for (const std::string& line : ReadLines(device_.log))
+    state.log.push_back(line.substr(line.find(" > ") + 3));
   fs::remove(device_.log);
   return state;
 }
@@ -250,7 +259,8 @@ std::string Campaign::CutCall(long k) const {
   const std::vector<std::string> trace = ReadLines(work_ + "/trace");
   if (k > static_cast<long>(trace.size())) return std::to_string(k) + " (after the last call)";
   std::string call = trace[k - 1];
-  for (size_t at; (at = call.find(device_.root + "/")) != std::string::npos;) call.erase(at, device_.root.size() + 1);
+  for (size_t at; (at = call.find(device_.root + "/")) != std::string::npos;)
+    call.erase(at, device_.root.size() + 1);
   return call;
 }
 
@@ -305,17 +315,18 @@ void Campaign::Play(const std::vector<Step>& steps) {
     }
     Save("after");
 
-    // A power cut may also come once the operation is over. A sample always takes the last points,
-    // where the result file is written.
+    // A power cut may also come once the operation is over.
     long tried = 0;
     const long last = reference.calls + (mode_ == "powercut" ? 1 : 0);
     for (long k = 1; k <= last; ++k) {
-      if (k < from_ || ((k - from_) % every_ != 0 && k + every_ <= last)) continue;
+      if (at_ != 0 ? k != at_ : (k - 1) % every_ != 0 && k + every_ <= last) continue;
       Restore("before");
       Check(step, reference, k);
       ++tried;
     }
-    std::cout << "  " << step.name << ": " << reference.calls << " write-side calls, " << tried << " tried\n";
+    std::cout << "  " << step.name << ": records " << reference.before.main.rows.size() << " -> "
+              << reference.settled.main.rows.size() << ", " << reference.calls << " write-side calls, "
+              << tried << " tried\n";
     Restore("after");
   }
 }
@@ -353,8 +364,10 @@ void Campaign::Check(const Step& step, const Reference& reference, long k) {
     result = "empty";
   }
   Note("result file after the cut", result, result != "absent" && result != "old" && result != "new");
-  if (mode_ == "enospc" && (cut.main.rows != reference.settled.main.rows || cut.result != reference.settled.result)) {
-    Note("log of a run that fell short", SaysWhatFailed(cut.log) ? "says what failed" : "silent", !SaysWhatFailed(cut.log));
+  if (mode_ == "enospc" &&
+      (cut.main.rows != reference.settled.main.rows || cut.result != reference.settled.result)) {
+    Note("log of a run that fell short", SaysWhatFailed(cut.log) ? "says what failed" : "silent",
+         !SaysWhatFailed(cut.log));
   }
 
   std::string openCheck = "main valid";
@@ -369,28 +382,34 @@ void Campaign::Check(const Step& step, const Reference& reference, long k) {
   Note("next call", next == 0 ? "ended normally" : next == 128 + SIGALRM ? "hung" : "failed", next != 0);
   const State after = Observe();
   Note("main file after the next call", after.main.valid ? "valid" : "invalid", !after.main.valid);
-  CheckRecords(step, reference, cut, after, openCheck);
-  Note("backup after the next call", !after.backup.valid                 ? "invalid until the next write"
-                                     : after.backup.rows == after.main.rows ? "equal to the main file"
-                                                                            : "behind the main file",
+  CheckRecords(step, reference, cut, after);
+  Note("backup after the next call",
+       !after.backup.valid                    ? "invalid until the next write"
+       : after.backup.rows == after.main.rows ? "equal to the main file"
+                                              : "behind the main file",
        false);
 }
 
 // The records as the uninterrupted operation left them, or lost only the ways the design keeps; and the
 // result file current, or stale only the way the design keeps.
-void Campaign::CheckRecords(const Step& step, const Reference& reference, const State& cut, const State& after,
-                            const std::string& openCheck) {
+void Campaign::CheckRecords(const Step& step, const Reference& reference, const State& cut,
+                            const State& after) {
   const auto& settled = reference.settled.main.rows;
   const std::string& pkgid = step.package.pkgid;
   // With every record lost, the next call stores the package's own again (an uninstall stores nothing).
-  const bool allLost = after.main.rows == (step.operation == "uninstall" ? Rows{} : RowsOf(settled, pkgid, true));
+  const bool allLost =
+      after.main.rows == (step.operation == "uninstall" ? Rows{} : RowsOf(settled, pkgid, true));
   const bool cleared = Has(cut.log, "update fail!clear DB for next boot");
+  // On a full disk the backup refresh truncates the backup and then cannot write it, yet succeeds; once
+  // the main file fails too, the open check finds both invalid and starts an empty database.
+  const bool recreated = mode_ == "enospc" &&
+                         (reference.before.main.valid || reference.before.backup.valid) &&
+                         (Has(cut.log, kCreateDb) || Has(after.log, kCreateDb));
   std::string records = "lost";
   if (after.main.rows == settled) {
     records = "as uninterrupted";
-  } else if (allLost && openCheck == "both invalid: database created afresh" &&
-             Has(cut.log, "The copy Size is [0], invalid!")) {
-    records = "all lost: the backup emptied, then the main file by a copy from it (kept)";
+  } else if (allLost && recreated) {
+    records = "all lost: both files invalid, the backup emptied by its refresh (kept)";
   } else if (allLost && cleared) {
     records = "all lost: cleared after the failed rewrite (kept)";
   } else if (RowsOf(after.main.rows, pkgid, false) == RowsOf(settled, pkgid, false) &&
@@ -402,7 +421,8 @@ void Campaign::CheckRecords(const Step& step, const Reference& reference, const 
   std::string result = "other";
   if (after.result == reference.settled.result) {
     result = "current";
-  } else if (after.result && (after.result == reference.before.result || after.result == reference.once.result)) {
+  } else if (after.result &&
+             (after.result == reference.before.result || after.result == reference.once.result)) {
     result = "stale until the next change (kept)";
   } else if (records.rfind("all lost", 0) == 0 && after.result && IsJson(*after.result)) {
     result = "rebuilt from the records left";
@@ -411,7 +431,8 @@ void Campaign::CheckRecords(const Step& step, const Reference& reference, const 
 }
 
 void Campaign::Note(const std::string& aspect, const std::string& outcome, bool finding) {
-  auto entry = std::find_if(tally_.begin(), tally_.end(), [&aspect](const auto& e) { return e.first == aspect; });
+  auto entry =
+      std::find_if(tally_.begin(), tally_.end(), [&aspect](const auto& e) { return e.first == aspect; });
   if (entry == tally_.end()) entry = tally_.insert(entry, {aspect, {}});
   Tally& tally = entry->second[outcome];
   if (tally.count++ == 0) tally.first = where_;
@@ -433,13 +454,6 @@ int Campaign::Report() const {
 
 // --- the sequence ---------------------------------------------------------------------------------
 
-void Sql(const wup_test::SandboxLayout& device, const char* sql) {
-  sqlite3* raw = nullptr;
-  sqlite3_open_v2((device.db + "/.AppBinaryManager.db").c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
-  const std::unique_ptr<sqlite3, SqliteClose> db(raw);
-  sqlite3_exec(db.get(), sql, nullptr, nullptr, nullptr);
-}
-
 std::vector<Step> Sequence() {
   auto damageMain = [](const wup_test::SandboxLayout& device) {
     wup_test::WriteFile(device.db + "/.AppBinaryManager.db", std::string(4096, 'x'));
@@ -449,7 +463,12 @@ std::vector<Step> Sequence() {
   };
   // The main file stays valid, but every insert into it fails inside the write transaction.
   auto refuseInserts = [](const wup_test::SandboxLayout& device) {
-    Sql(device, "create trigger refuse before insert on pluginTable begin select raise(abort, 'refused'); end");
+    sqlite3* raw = nullptr;
+    sqlite3_open_v2((device.db + "/.AppBinaryManager.db").c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
+    const std::unique_ptr<sqlite3, SqliteClose> db(raw);
+    sqlite3_exec(db.get(),
+                 "create trigger refuse before insert on pluginTable begin select raise(abort, 'x'); end",
+                 nullptr, nullptr, nullptr);
   };
   return {
       {"first install", "install", Player("1.0.0"), nullptr},
@@ -471,18 +490,18 @@ std::vector<Step> Sequence() {
 int main(int argc, char** argv) {
   const std::string mode = argc > 1 ? argv[1] : "";
   int every = 1;
-  int from = 1;
+  int at = 0;
   bool usage = mode != "kill" && mode != "powercut" && mode != "enospc";
   for (int i = 2; i < argc; i += 2) {
     const std::string option = argv[i];
-    if ((option != "--every" && option != "--from") || i + 1 == argc) usage = true;
-    if (!usage) (option == "--every" ? every : from) = std::atoi(argv[i + 1]);
+    if ((option != "--every" && option != "--at") || i + 1 == argc) usage = true;
+    if (!usage) (option == "--every" ? every : at) = std::atoi(argv[i + 1]);
   }
-  if (usage || every < 1 || from < 1) {
-    std::cerr << "usage: crash_campaign kill|powercut|enospc [--every N] [--from K]\n";
+  if (usage || every < 1 || at < 0) {
+    std::cerr << "usage: crash_campaign kill|powercut|enospc [--every N | --at K]\n";
     return 2;
   }
-  Campaign campaign(mode, every, from);
+  Campaign campaign(mode, every, at);
   campaign.Play(Sequence());
   return campaign.Report();
 }
