@@ -71,9 +71,8 @@ Options Parse(const std::vector<std::string>& argv) {
       options.quiet = true;
     } else if (arg == "--help" || arg == "-h") {
       options.help = true;
-    } else if (TakeFlag(arg, options)) {
     } else if (arg.size() > 1 && arg[0] == '-') {
-      throw UsageError("unknown option " + arg);
+      if (!TakeFlag(arg, options)) throw UsageError("unknown option " + arg);
     } else if (options.command.empty()) {
       options.command = arg;
     } else {
