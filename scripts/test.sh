@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite, from a fresh Debian 12 machine: installs what is missing, builds, runs every test.
 #
-#   scripts/test.sh            everything CI runs: the plain build, the same suite again under
-#                              AddressSanitizer + UndefinedBehaviorSanitizer, and the end-to-end suite
-#                              under valgrind memcheck
+#   scripts/test.sh            everything CI runs: the plain build, the device build (-DTIZEN=ON)
+#                              installed and checked, the same suite again under AddressSanitizer +
+#                              UndefinedBehaviorSanitizer, and the end-to-end suite under valgrind memcheck
 #   scripts/test.sh --quick    the plain build and its tests only
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -32,6 +32,9 @@ echo "== plain build"
 build_and_test build
 
 if ((quick)); then exit 0; fi
+
+echo "== device build (-DTIZEN=ON against the stand-ins), installed and checked"
+packaging/check-device-build.sh build build-device
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
