@@ -1,13 +1,18 @@
 // Host stand-in for the platform log: one line per call, "P/TAG(pid): message", like dlogutil's brief
-// format. The line goes to the file named by HOST_DLOG_FILE (appended, so several processes of one
-// sandbox share a log) or, without it, to standard error.
+// format. The line goes to the file named by HOST_DLOG_FILE (appended with one write, so several processes
+// of one sandbox share a log) or, without it, to standard error. The file stays open between calls, and
+// each line is formatted once.
 #include <dlog.h>
 #include <unistd.h>
 
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <mutex>
 #include <string>
+
+#include "append_file.h"
 
 namespace {
 
@@ -16,16 +21,31 @@ char PriorityLetter(int prio) {
   return (prio >= 0 && prio <= DLOG_SILENT) ? kLetters[prio] : '?';
 }
 
-std::string Format(const char* fmt, va_list args) {
+// The prefix, then the message formatted after it: in place when it fits the line's room, otherwise once
+// more into room made for it.
+std::string Line(int prio, const char* tag, const char* fmt, va_list args) {
+  std::string line(1, PriorityLetter(prio));
+  line += '/';
+  line += tag != nullptr ? tag : "";
+  line += '(';
+  line += std::to_string(getpid());
+  line += "): ";
+  const size_t prefix = line.size();
+  line.resize(prefix + 256);
   va_list copy;
   va_copy(copy, args);
-  const int size = std::vsnprintf(nullptr, 0, fmt, copy);
+  int size = std::vsnprintf(&line[prefix], line.size() - prefix + 1, fmt, copy);
   va_end(copy);
-  if (size < 0) return std::string();
-  std::string text(static_cast<size_t>(size) + 1, '\0');
-  std::vsnprintf(text.data(), text.size(), fmt, args);
-  text.resize(static_cast<size_t>(size));
-  return text;
+  if (size < 0) size = 0;
+  if (static_cast<size_t>(size) > line.size() - prefix) {
+    line.resize(prefix + static_cast<size_t>(size));
+    std::vsnprintf(&line[prefix], static_cast<size_t>(size) + 1, fmt, args);
+  }
+  line.resize(prefix + static_cast<size_t>(size));
+  // Messages may carry their own line feed; the log shows one line per call either way.
+  while (line.size() > prefix && line.back() == '\n') line.pop_back();
+  line += '\n';
+  return line;
 }
 
 }  // namespace
@@ -34,16 +54,16 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
   (void)log_id;
   va_list args;
   va_start(args, fmt);
-  std::string message = Format(fmt, args);
+  const std::string line = Line(prio, tag, fmt, args);
   va_end(args);
-  // Messages may carry their own line feed; the log shows one line per call either way.
-  while (!message.empty() && message.back() == '\n') message.pop_back();
 
-  const std::string line = std::string(1, PriorityLetter(prio)) + "/" + (tag ? tag : "") + "(" +
-                           std::to_string(getpid()) + "): " + message + "\n";
+  // Never destroyed: a static destructor elsewhere may still log while the process ends.
+  static std::mutex* const mutex = new std::mutex;
+  static host::AppendFile* const file = new host::AppendFile;
   const char* path = std::getenv("HOST_DLOG_FILE");
-  FILE* out = (path != nullptr && *path != '\0') ? std::fopen(path, "a") : nullptr;
-  std::fputs(line.c_str(), out != nullptr ? out : stderr);
-  if (out != nullptr) std::fclose(out);
+  const std::lock_guard<std::mutex> lock(*mutex);
+  if (path == nullptr || *path == '\0' || !file->Append(path, line.data(), line.size())) {
+    (void)!write(STDERR_FILENO, line.data(), line.size());
+  }
   return static_cast<int>(line.size());
 }
