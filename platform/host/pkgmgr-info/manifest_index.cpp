@@ -33,24 +33,55 @@ bool ReadRaw(const std::string& path, std::string& content) {
 
 bool IsSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r'; }
 
-// The skim is trusted only where the raw bytes are what the parser sees: UTF-8 (or ASCII) text without
-// a document type, which could declare entities or default attribute values.
+// The skim is trusted only where the raw bytes are what the parser sees: UTF-8 (or ASCII) text whose
+// prolog (what precedes the root element) holds no document type, which could declare entities or
+// default attribute values.
+bool StartsAt(const std::string& text, size_t at, const char* prefix) {
+  const size_t length = std::strlen(prefix);
+  return text.size() - at >= length && std::memcmp(text.data() + at, prefix, length) == 0;
+}
+
 bool SkimmableText(const std::string& text) {
-  if (text.find('\0') != std::string::npos || text.find("<!DOCTYPE") != std::string::npos) return false;
-  if (text.compare(0, 5, "<?xml") != 0) return true;
-  const std::string declaration = text.substr(0, text.find("?>"));
-  const size_t encoding = declaration.find("encoding");
-  if (encoding == std::string::npos) return true;
-  const size_t quote = declaration.find_first_of("\"'", encoding);
-  if (quote == std::string::npos) return false;
-  return strncasecmp(declaration.c_str() + quote + 1, "utf-8", 5) == 0 &&
-         declaration.size() > quote + 6 && declaration[quote + 6] == declaration[quote];
+  if (std::memchr(text.data(), '\0', text.size()) != nullptr) return false;
+  size_t at = 0;
+  for (;;) {
+    at = text.find('<', at);
+    if (at == std::string::npos) return true;  // no element at all: the parser will refuse the file
+    if (StartsAt(text, at, "<!--")) {
+      at = text.find("-->", at + 4);
+    } else if (StartsAt(text, at, "<?xml")) {
+      const std::string declaration = text.substr(at, text.find("?>", at) - at);
+      const size_t encoding = declaration.find("encoding");
+      if (encoding != std::string::npos) {
+        const size_t quote = declaration.find_first_of("\"'", encoding);
+        if (quote == std::string::npos || strncasecmp(declaration.c_str() + quote + 1, "utf-8", 5) != 0 ||
+            declaration.size() <= quote + 6 || declaration[quote + 6] != declaration[quote]) {
+          return false;
+        }
+      }
+      at = text.find("?>", at);
+    } else if (StartsAt(text, at, "<?")) {
+      at = text.find("?>", at);
+    } else {
+      return !StartsAt(text, at, "<!");
+    }
+    if (at == std::string::npos) return true;
+    ++at;
+  }
+}
+
+// References and the characters that attribute normalisation rewrites: only the parser knows the value.
+bool NeedsParser(const char* begin, const char* end) {
+  for (const char* c = begin; c < end; ++c) {
+    if (*c == '&' || *c == '\t' || *c == '\n' || *c == '\r') return true;
+  }
+  return false;
 }
 
 }  // namespace
 
-// Finds every ` appid = "value"` in the raw text. A value with a reference or with characters that
-// attribute normalisation rewrites makes the file opaque: only the parser knows what it says.
+// Finds the value of every ` appid = "value"` in the raw text, wherever it stands: values found in
+// comments or in other elements only cost a parse that finds nothing.
 void ManifestEntry::Skim() {
   skimmed_ = true;
   std::string text;
@@ -58,24 +89,29 @@ void ManifestEntry::Skim() {
     opaque_ = true;
     return;
   }
+  // Anchored on the name's last letter, which is rarer in manifests than its first.
   static const char kName[] = "appid";
   const size_t nameLength = sizeof kName - 1;
-  for (size_t at = text.find(kName); at != std::string::npos; at = text.find(kName, at + nameLength)) {
-    if (at == 0 || !IsSpace(text[at - 1])) continue;
-    size_t pos = at + nameLength;
-    while (pos < text.size() && IsSpace(text[pos])) ++pos;
-    if (pos >= text.size() || text[pos] != '=') continue;
-    ++pos;
-    while (pos < text.size() && IsSpace(text[pos])) ++pos;
-    if (pos >= text.size() || (text[pos] != '"' && text[pos] != '\'')) continue;
-    const size_t end = text.find(text[pos], pos + 1);
-    if (end == std::string::npos) continue;
-    std::string value = text.substr(pos + 1, end - pos - 1);
-    if (value.find_first_of("&\t\n\r") != std::string::npos) {
+  const char* const begin = text.data();
+  const char* const end = begin + text.size();
+  for (const char* last = begin + nameLength - 1; last < end; ++last) {
+    last = static_cast<const char*>(std::memchr(last, 'd', static_cast<size_t>(end - last)));
+    if (last == nullptr) return;
+    const char* at = last - (nameLength - 1);
+    if (std::memcmp(at, kName, nameLength) != 0) continue;
+    if (at == begin || !IsSpace(at[-1])) continue;
+    const char* pos = last + 1;
+    while (pos < end && IsSpace(*pos)) ++pos;
+    if (pos == end || *pos != '=') continue;
+    for (++pos; pos < end && IsSpace(*pos);) ++pos;
+    if (pos == end || (*pos != '"' && *pos != '\'')) continue;
+    const char* close = static_cast<const char*>(std::memchr(pos + 1, *pos, static_cast<size_t>(end - pos - 1)));
+    if (close == nullptr) continue;
+    if (NeedsParser(pos + 1, close)) {
       opaque_ = true;
       return;
     }
-    appids_.push_back(std::move(value));
+    appids_.emplace_back(pos + 1, close);
   }
 }
 
