@@ -53,7 +53,8 @@ static long at, calls;
 static const char *logPath, *cutDir;
 static int traceFd = -1;
 enum { kMaxFd = 4096 };
-static bool writable[kMaxFd];  // descriptors opened for writing, whose close is numbered
+enum Kind { kOther, kWritable, kLog };
+static unsigned char kinds[kMaxFd];  // opened for writing (their close is numbered), or the log
 
 static void Init(void) {
   static bool done;
@@ -79,10 +80,11 @@ static bool IsLog(const char* path) {
 }
 static bool ForWriting(int flags) { return flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC); }
 static bool ModeWrites(const char* m) { return strpbrk(m, "wa+"); }
-static void Track(int fd, bool on) {
-  if (fd >= 0 && fd < kMaxFd) writable[fd] = on;
+static void Track(int fd, enum Kind kind) {
+  if (fd >= 0 && fd < kMaxFd) kinds[fd] = kind;
 }
-static bool Tracked(int fd) { return fd > 2 && fd < kMaxFd && writable[fd]; }
+static bool Tracked(int fd) { return fd > 2 && fd < kMaxFd && kinds[fd] == kWritable; }
+static bool Unnumbered(int fd) { return fd <= 2 || (fd < kMaxFd && kinds[fd] == kLog); }
 static int StreamFd(FILE* stream) { return stream ? fileno(stream) : -1; }
 
 // Numbers one call (the target is a path, or else the descriptor's path) and says whether it finds the
@@ -160,13 +162,18 @@ static bool Stat(int dirfd, const char* path, struct stat* st) {
 // --- opening ------------------------------------------------------------------------------------------
 
 static int Open(const char* call, int dirfd, const char* path, int flags, mode_t perm) {
-  if (!ForWriting(flags) || IsLog(path)) return REAL(openat)(dirfd, path, flags, perm);
+  if (IsLog(path)) {
+    const int fd = REAL(openat)(dirfd, path, flags, perm);
+    Track(fd, kLog);
+    return fd;
+  }
+  if (!ForWriting(flags)) return REAL(openat)(dirfd, path, flags, perm);
   struct stat st;
   const bool exists = fstatat(dirfd, path, &st, 0) == 0;
   if (Numbered(call, path, -1) && !exists && (flags & O_CREAT)) return Refuse();
   if (exists && (flags & O_TRUNC)) Keep(dirfd, path);
   const int fd = REAL(openat)(dirfd, path, flags, perm);
-  Track(fd, true);
+  Track(fd, kWritable);
   if (fd >= 0 && !exists) KeepFd(fd);  // created now: its synced content is nothing
   return fd;
 }
@@ -211,7 +218,7 @@ static FILE* OpenStream(FILE* (*real)(const char*, const char*), const char* pat
   }
   if (exists) Keep(AT_FDCWD, path);  // stdio writes through calls no shim sees: keep it from the start
   FILE* stream = real(path, how);
-  Track(StreamFd(stream), true);
+  Track(StreamFd(stream), kWritable);
   if (stream) KeepFd(fileno(stream));
   return stream;
 }
@@ -221,7 +228,7 @@ FILE* fopen64(const char* path, const char* how) { return OpenStream(REAL(fopen6
 FILE* fdopen(int fd, const char* how) {
   if (ModeWrites(how)) {
     Numbered("fdopen", NULL, fd);
-    Track(fd, true);
+    Track(fd, kWritable);
     KeepFd(fd);
   }
   return REAL(fdopen)(fd, how);
@@ -231,7 +238,7 @@ FILE* fdopen(int fd, const char* how) {
 
 // True when the write must fail; otherwise the file's synced content is safe before it changes.
 static bool WriteRefused(const char* call, int fd) {
-  if (fd <= 2) return false;
+  if (Unnumbered(fd)) return false;
   if (Numbered(call, NULL, fd)) {
     errno = ENOSPC;
     return true;
@@ -272,10 +279,9 @@ int fsync(int fd) { return Sync("fsync", fd, REAL(fsync)); }
 int fdatasync(int fd) { return Sync("fdatasync", fd, REAL(fdatasync)); }
 
 int close(int fd) {
-  if (Tracked(fd)) {
-    Track(fd, false);
-    Numbered("close", NULL, fd);
-  }
+  const bool numbered = Tracked(fd);
+  Track(fd, kOther);
+  if (numbered) Numbered("close", NULL, fd);
   return REAL(close)(fd);
 }
 
@@ -334,7 +340,7 @@ int fflush(FILE* stream) {
 int fclose(FILE* stream) {
   const int fd = StreamFd(stream);
   const bool full = StreamCall("fclose", stream) && __fpending(stream) > 0;
-  Track(fd, false);
+  Track(fd, kOther);
   if (full) __fpurge(stream);
   const int result = REAL(fclose)(stream);
   return full ? RefuseStream() : result;

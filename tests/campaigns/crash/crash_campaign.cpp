@@ -211,6 +211,9 @@ void Campaign::Restore(const std::string& name) const {
 // One package-manager call in a fresh process; the watchdog turns a hang into SIGALRM. Returns the exit
 // status, or 128 + the signal.
 int Campaign::Call(const Step& step, const std::vector<std::string>& shim) const {
+  const std::string type = METADATA_NAMESPACE "upgradable_webapi_type=" + step.package.kind;
+  const std::string appList = METADATA_NAMESPACE "upgradable_webapi_applist=" + step.package.appList;
+  const char* pkgid = step.package.pkgid.c_str();
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
@@ -218,8 +221,8 @@ int Campaign::Call(const Step& step, const std::vector<std::string>& shim) const
     freopen((work_ + "/output").c_str(), "w", stdout);
     dup2(fileno(stdout), STDERR_FILENO);
     alarm(kWatchdogSeconds);  // survives the exec
-    execl(WUP_PLUGIN_CALL, WUP_PLUGIN_CALL, step.operation.c_str(), step.package.pkgid.c_str(),
-          step.package.kind.c_str(), step.package.appList.c_str(), static_cast<char*>(nullptr));
+    execl(WUP_CALL_PLUGIN, WUP_CALL_PLUGIN, WUP_PLUGIN_LIBRARY, step.operation.c_str(), pkgid, pkgid,
+          type.c_str(), appList.c_str(), static_cast<char*>(nullptr));
     _exit(127);
   }
   int status = 0;
