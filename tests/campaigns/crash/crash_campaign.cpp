@@ -313,8 +313,9 @@ void Campaign::Play(const std::vector<Step>& steps) {
     Call(step);
     reference.settled = Observe();
     where_ = step.name + ", uninterrupted";
-    if (reference.once.main.rows != reference.settled.main.rows) {
-      Note("uninterrupted operation", "needs a second run to store its records", true);
+    if (reference.once.main.rows != reference.settled.main.rows ||
+        reference.once.result != reference.settled.result) {
+      Note("uninterrupted operation", "needs a second run to reach its end", true);
     }
     Save("after");
 
