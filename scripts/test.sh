@@ -1,19 +1,26 @@
 #!/usr/bin/env bash
-# The whole test suite, from a fresh Debian 12 machine: installs what is missing, builds, runs every test.
-#
-#   scripts/test.sh            everything CI runs: the plain build, the same suite again under
-#                              AddressSanitizer + UndefinedBehaviorSanitizer, and the end-to-end suite
-#                              under valgrind memcheck
-#   scripts/test.sh --quick    the plain build and its tests only
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+usage() {
+  cat <<'TEXT'
+usage: scripts/test.sh [--quick]
+
+The whole test suite, from a fresh Debian 12 machine: installs what is missing (apt-get), builds and
+runs every test.
+
+  (no option)  everything CI runs: the plain build, the same suite again under AddressSanitizer and
+               UndefinedBehaviorSanitizer, and the end-to-end suite under valgrind memcheck
+  --quick      the plain build and its tests only
+TEXT
+}
 
 quick=0
 for arg in "$@"; do
   case "$arg" in
     --quick) quick=1 ;;
-    -h|--help) sed -n '2,8p' "$0"; exit 0 ;;
-    *) echo "unknown option: $arg" >&2; exit 2 ;;
+    -h|--help) usage; exit 0 ;;
+    *) echo "unknown option: $arg" >&2; usage >&2; exit 2 ;;
   esac
 done
 
