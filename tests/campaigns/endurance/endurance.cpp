@@ -25,6 +25,7 @@ namespace {
 
 using wup_e2e::Device;
 using wup_e2e::Package;
+using wup_e2e::Plugin;
 
 struct Usage {
   int fds = 0;
@@ -97,32 +98,32 @@ class Run {
   void* library() const { return library_; }
   int failures() const { return failures_; }
 
-  // One cycle of the script; each step is one call into a freshly loaded plug-in. It ends where it began:
-  // nothing recorded, the handler's map and flag as the previous cycle left them.
+  // One cycle of the script; each step is one call into a freshly loaded plug-in. From the second cycle on,
+  // each starts from the same state: nothing recorded, the handler's map and flag as the last one left them.
   void Cycle() {
     const std::string staging = device_.ResultPath() + "_bak";
-    Install(player_, "1", "");
-    Install(signage_, "1", "");
-    Install(media_, "1", "");
-    Install(player_, "1", "");  // same version: nothing stored
-    Upgrade(player_, "2", "");
-    Upgrade(media_, "2", "");
-    Upgrade(player_, "3", "HOST_VEX_FAIL=vex_terminate_app");
-    Upgrade(signage_, "2", "HOST_VEX_FAIL=vex_get_current_showing_app");
-    Upgrade(player_, "4", "HOST_PKGMGRINFO_FAIL=pkgmgrinfo_appinfo_get_appinfo");
-    Upgrade(signage_, "3", "HOST_PKGMGRINFO_FAIL=pkgmgrinfo_pkginfo_get_version");
+    Place(&Plugin::Install, player_, "1");
+    Place(&Plugin::Install, signage_, "1");
+    Place(&Plugin::Install, media_, "1");
+    Place(&Plugin::Install, player_, "1");  // same version: nothing stored
+    Place(&Plugin::Upgrade, player_, "2");
+    Place(&Plugin::Upgrade, media_, "2");
+    Place(&Plugin::Upgrade, player_, "3", "HOST_VEX_FAIL=vex_terminate_app");
+    Place(&Plugin::Upgrade, signage_, "2", "HOST_VEX_FAIL=vex_get_current_showing_app");
+    Place(&Plugin::Upgrade, player_, "4", "HOST_PKGMGRINFO_FAIL=pkgmgrinfo_appinfo_get_appinfo");
+    Place(&Plugin::Upgrade, signage_, "3", "HOST_PKGMGRINFO_FAIL=pkgmgrinfo_pkginfo_get_version");
     wup_test::WriteFile(device_.DatabasePath(), "not a database any more");  // restored from the backup
-    Install(player_, "4", "");
+    Place(&Plugin::Install, player_, "4");
     wup_test::WriteFile(device_.DatabasePath(), "");  // both lost: created afresh
     wup_test::WriteFile(device_.BackupPath(), "");
-    Upgrade(media_, "3", "");
+    Place(&Plugin::Upgrade, media_, "3");
     Expect(device_.Rows().size() == 2, "the recreated database holds only the two records stored since");
     Uninstall(player_);
     Uninstall(signage_);
     Uninstall(media_);  // by the name cut from the id: the extension records stay
     Uninstall(Make("com.korvane.tv.pepper.unknown", "pepperplugin", ""));
     wup_test::MakeDirs(staging);  // the result file cannot be written: the database is emptied
-    Install(player_, "1", "");
+    Place(&Plugin::Install, player_, "1");
     wup_test::RemoveTree(staging);
     Expect(device_.Rows().empty(), "a failed rewrite empties the database");
     wup_test::RemoveTree(device_.layout().vex + "/terminated");
@@ -130,6 +131,8 @@ class Run {
   int calls() const { return calls_; }
 
  private:
+  using EntryPoint = int (Plugin::*)(const char*, const char*, const wup_e2e::MetadataList&);
+
   void* Load() const {
     void* library = dlopen(WUP_PLUGIN_LIBRARY, RTLD_LAZY | RTLD_LOCAL);
     if (library == nullptr) {
@@ -145,36 +148,29 @@ class Run {
     ++failures_;
   }
 
-  // Platform failures are forced for this call only.
-  void Call(const char* entryPoint, const Package& package, const std::string& forced) {
-    const size_t equals = forced.find('=');
-    if (!forced.empty()) setenv(forced.substr(0, equals).c_str(), forced.substr(equals + 1).c_str(), 1);
+  // Platform failures ("NAME=VALUE") are forced for this call only.
+  void Call(EntryPoint entry, const Package& package, const std::string& forced) {
+    const std::string name = forced.substr(0, forced.find('='));
+    if (!forced.empty()) setenv(name.c_str(), forced.substr(name.size() + 1).c_str(), 1);
     void* library = Load();
-    wup_e2e::Plugin plugin(library);
-    const auto items = wup_e2e::MetadataOf(package);
-    const std::string id = package.pkgid;
-    const std::string call = entryPoint;
-    const int result = call == "install"   ? plugin.Install(id.c_str(), id.c_str(), items)
-                       : call == "upgrade" ? plugin.Upgrade(id.c_str(), id.c_str(), items)
-                                           : plugin.Uninstall(id.c_str(), id.c_str(), items);
+    Plugin plugin(library);
+    const int result =
+        (plugin.*entry)(package.pkgid.c_str(), package.pkgid.c_str(), wup_e2e::MetadataOf(package));
     dlclose(library);
-    if (!forced.empty()) unsetenv(forced.substr(0, equals).c_str());
+    if (!forced.empty()) unsetenv(name.c_str());
     Expect(result == 0, "every call returns 0");
     ++calls_;
   }
 
-  void Install(Package& package, const std::string& version, const std::string& forced) {
+  // The package manager registers the package (at `version`) before the plug-in is called.
+  void Place(EntryPoint entry, Package& package, const std::string& version, const std::string& forced = "") {
     package.version = version;
     device_.Place(package);
-    Call("install", package, forced);
+    Call(entry, package, forced);
   }
-  void Upgrade(Package& package, const std::string& version, const std::string& forced) {
-    package.version = version;
-    device_.Place(package);
-    Call("upgrade", package, forced);
-  }
+  // ... and unregisters it after.
   void Uninstall(const Package& package) {
-    Call("uninstall", package, "");
+    Call(&Plugin::Uninstall, package, "");
     wup_test::RemoveTree(device_.layout().rwPackages + "/" + package.pkgid + ".xml");
   }
 
