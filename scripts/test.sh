@@ -9,8 +9,9 @@ usage: scripts/test.sh [--quick]
 The whole test suite, from a fresh Debian 12 machine: installs what is missing (apt-get), builds and
 runs every test.
 
-  (no option)  everything CI runs: the plain build, the same suite again under AddressSanitizer and
-               UndefinedBehaviorSanitizer, and the end-to-end suite under valgrind memcheck
+  (no option)  everything CI runs: the plain build, the device build (-DTIZEN=ON) installed and
+               checked, the same suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
+               and the end-to-end suite under valgrind memcheck
   --quick      the plain build and its tests only
 TEXT
 }
@@ -39,6 +40,9 @@ echo "== plain build"
 build_and_test build
 
 if ((quick)); then exit 0; fi
+
+echo "== device build (-DTIZEN=ON against the stand-ins), installed and checked"
+packaging/check-device-build.sh build build-device
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
