@@ -9,7 +9,7 @@
 //
 // Classes: the open check's first decision, `kept` (main valid, used), `restored` (main invalid, backup
 // valid and copied over it), `recreated` (both invalid: a fresh database), `refused` (the backup is valid
-// but the main path cannot be replaced: a link, directory or FIFO stands there), `uncreatable` (both
+// but the main path cannot be replaced: a link or directory stands there), `uncreatable` (both
 // invalid, a directory with something in it at the main path); then what became of the write: stored,
 // `+retried` (the statement failed on a foreign plug-in table and succeeded once the backup was copied
 // over the main file), `+lost` (it failed again), `+not-stored` (no usable main file).
@@ -142,10 +142,11 @@ Entry Observe(const std::string& path, const std::string& scratch) {
 
 // The open check's decision table, the guarded write and the backup copy, stepped through one install on a
 // fresh device: the constructor's read, the write of the package's record, and the read that rebuilds the
-// missing result file. Paths that are not regular files end where the described paths take them: a link,
-// directory or FIFO is never written as a copy's destination; a link at the main path is followed by
-// SQLite (so a database behind it is used, and one is created behind a dangling link); the removal before
-// a re-creation takes away a link, a FIFO or an empty directory, not a directory with something in it.
+// missing result file. Paths that are not regular files end where the described paths take them: a link
+// or directory is never written as a copy's destination, a FIFO there is replaced by the copy; a link at
+// the main path is followed by SQLite (so a database behind it is used, and one is created behind a
+// dangling link); the removal before a re-creation takes away a link, a FIFO or an empty directory, not
+// a directory with something in it.
 class Model {
  public:
   Model(Entry main, Entry backup) : main_(std::move(main)), backup_(std::move(backup)) {}
@@ -183,10 +184,7 @@ class Model {
 
   // The destination is opened (created, truncated) before the source's size is known.
   bool Copy(const Entry& source, Entry& dest) {
-    if (!Exists(source) || dest.kind == Entry::kLink || dest.kind == Entry::kDir ||
-        dest.kind == Entry::kFifo) {
-      return false;
-    }
+    if (!Exists(source) || dest.kind == Entry::kLink || dest.kind == Entry::kDir) return false;
     dest.kind = Entry::kFile;
     dest.content = Content();
     dest.content->generation = ++generations_;
