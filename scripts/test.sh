@@ -45,9 +45,7 @@ echo "== device build (-DTIZEN=ON against the stand-ins), installed and checked"
 packaging/check-device-build.sh build build-device
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
-# GCC 12's LeakSanitizer misreads the dynamic TLS of libraries loaded with dlopen (the log stand-in's
-# thread_local, under the plug-in) and its tracer crashes at exit; it then scans without that TLS.
-export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1:intercept_tls_get_addr=0
+export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 build_and_test build-sanitize -DWUP_SANITIZE=ON
 unset ASAN_OPTIONS UBSAN_OPTIONS

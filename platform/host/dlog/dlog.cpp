@@ -22,24 +22,12 @@ char PriorityLetter(int prio) {
   return (prio >= 0 && prio <= DLOG_SILENT) ? kLetters[prio] : '?';
 }
 
-// The process id as text, made again only in a forked child.
-const std::string& ProcessId() {
-  static thread_local pid_t known = -1;
-  static thread_local std::string text;
-  const pid_t pid = getpid();
-  if (pid != known) {
-    known = pid;
-    text = std::to_string(pid);
-  }
-  return text;
-}
-
 // One line: "P/TAG(pid): ", the message, a line feed. The message is formatted once, straight after the
 // prefix in a buffer on the stack; only a line longer than that is formatted again into room made for it.
 class Line {
  public:
   Line(int prio, const char* tag, const char* fmt, va_list args) {
-    const std::string& pid = ProcessId();
+    const std::string pid = std::to_string(getpid());  // short enough to stay off the heap
     const size_t pidLength = pid.size();
     const char* tagText = tag != nullptr ? tag : "";
     const size_t tagLength = std::strlen(tagText);
