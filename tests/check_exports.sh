@@ -10,6 +10,9 @@ status=0
 for symbol in VERSION_DB VERSION_DB_BAKUP; do
   grep -qE " [BDGRS] ${symbol}\$" <<<"$defined" || { echo "not exported: $symbol"; status=1; }
 done
+for symbol in strTZ_SYS_DB strVERSION_DB strVERSION_DB_BAKUP; do
+  grep -qE " [BDGRS] _Z[0-9]+${symbol}B5cxx11\$" <<<"$defined" || { echo "not exported: $symbol"; status=1; }
+done
 for class in PluginHandler PluginDataUtil VersionSqliteDB DBUtil JsonUtil WebapisUtil; do
   grep -qE " T _ZN[0-9]+${class}" <<<"$defined" || { echo "no member of $class exported"; status=1; }
 done

@@ -6,41 +6,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <stdexcept>
 
 #include "plugin_parser_interface.h"
-#include "sample_packages.h"
 
 namespace wup_e2e {
 
-const std::string& TypeKey() {
-  static const std::string key = METADATA_NAMESPACE "upgradable_webapi_type";
-  return key;
-}
-
-const std::string& AppListKey() {
-  static const std::string key = METADATA_NAMESPACE "upgradable_webapi_applist";
-  return key;
-}
-
 MetadataList MetadataOf(const Package& package) {
   MetadataList items;
-  if (!package.kind.empty()) items.emplace_back(TypeKey().c_str(), package.kind.c_str());
-  if (!package.appList.empty()) items.emplace_back(AppListKey().c_str(), package.appList.c_str());
+  if (!package.kind.empty()) items.emplace_back(kTypeKey.c_str(), package.kind.c_str());
+  if (!package.appList.empty()) items.emplace_back(kAppListKey.c_str(), package.appList.c_str());
+  if (!package.force.empty()) items.emplace_back(kForceKey.c_str(), package.force.c_str());
   return items;
 }
-
-int Count(const std::vector<std::string>& log, const std::string& message) {
-  return static_cast<int>(std::count(log.begin(), log.end(), message));
-}
-
-bool Has(const std::vector<std::string>& log, const std::string& message) { return Count(log, message) > 0; }
-
-// ---------------------------------------------------------------------------------------------------
 
 Plugin::Plugin(void* library)
     : install_(reinterpret_cast<EntryPoint>(dlsym(library, "PKGMGR_MDPARSER_PLUGIN_INSTALL"))),
@@ -63,8 +44,6 @@ int Plugin::Uninstall(const char* pkgid, const char* appid, const MetadataList& 
   return Call(uninstall_, pkgid, appid, items);
 }
 
-// The list holds the package manager's items; a null pair (both pointers null) stands for a node without
-// data, a null key for an item without a key.
 int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const MetadataList& items) {
   struct ListFree {
     void operator()(GList* list) const { g_list_free(list); }
@@ -72,19 +51,13 @@ int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const M
   std::vector<__metadata_t> storage;
   storage.reserve(items.size());
   std::unique_ptr<GList, ListFree> list;  // freed also when an exception leaves the plug-in
-  for (const auto& item : items) {
+  for (const auto& [key, value] : items) {
     void* data = nullptr;
-    if (item.first != nullptr || item.second != nullptr) {
-      storage.push_back({item.first, item.second});
-      data = &storage.back();
-    }
-    GList* head = g_list_append(list.release(), data);
-    list.reset(head);
+    if (key != nullptr || value != nullptr) data = &storage.emplace_back(__metadata_t{key, value});
+    list.reset(g_list_append(list.release(), data));
   }
   return entry(pkgid, appid, list.get());
 }
-
-// ---------------------------------------------------------------------------------------------------
 
 Device::Device() : layout_(wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-e2e"))) {
   layout_.Create();
@@ -97,41 +70,21 @@ Device::~Device() {
   if (std::getenv("WUP_E2E_KEEP") == nullptr) wup_test::RemoveTree(layout_.root);
 }
 
-namespace {
-
-void PlaceCopy(const Package& package, const std::string& packagesDir, const std::string& appsDir,
-               const std::string& version) {
-  wup_test::Metadata metadata;
-  for (const auto& item : MetadataOf(package)) metadata.emplace_back(item.first, item.second);
-  wup_test::WriteManifest(packagesDir, package.pkgid, version, {package.pkgid}, metadata);
-  const std::string res = appsDir + "/" + package.pkgid + "/shared/res";
-  wup_test::MakeDirs(res);
-  for (const auto& description : package.descriptions) {
-    wup_test::WriteFile(res + "/" + description.first, description.second);
-  }
-}
-
-}  // namespace
-
 void Device::Place(const Package& package) {
-  if (package.location != Location::kWritable) {
-    PlaceCopy(package, layout_.roPackages, layout_.roApp,
-              package.location == Location::kBoth ? package.roVersion : package.version);
-  }
-  if (package.location != Location::kReadOnly) {
-    PlaceCopy(package, layout_.rwPackages, layout_.rwApp, package.version);
-  }
+  wup_test::Metadata metadata;
+  for (const auto& [key, value] : MetadataOf(package)) metadata.emplace_back(key, value);
+  wup_test::WriteManifest(layout_.rwPackages, package.pkgid, package.version, {package.pkgid}, metadata);
+  const std::string res = layout_.rwApp + "/" + package.pkgid + "/shared/res/";
+  wup_test::MakeDirs(res);
+  for (const auto& [file, content] : package.descriptions) wup_test::WriteFile(res + file, content);
 }
 
-int Device::Run(const std::function<void(Plugin&)>& body, const std::vector<std::string>& environment) {
+int Device::Run(const std::function<void(Plugin&)>& body, const Lines& environment) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
     layout_.Export();
-    for (const std::string& entry : environment) {
-      const size_t equals = entry.find('=');
-      setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
-    }
+    wup_test::SetEnvironment(environment);
     void* library = dlopen(WUP_PLUGIN_LIBRARY, RTLD_NOW | RTLD_LOCAL);
     if (library == nullptr) {
       std::fprintf(stderr, "dlopen: %s\n", dlerror());
@@ -151,31 +104,24 @@ int Device::Run(const std::function<void(Plugin&)>& body, const std::vector<std:
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-int Device::InstallPlaced(const Package& package) {
-  return Run([&package](Plugin& plugin) {
-    plugin.Install(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package));
-  });
+int Device::Install(const Package& package, const Lines& environment) {
+  Place(package);
+  return Run([&package](Plugin& plugin) { plugin.Install(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package)); },
+             environment);
 }
 
-std::vector<Row> Device::Rows() const {
-  std::vector<Row> rows;
+Lines Device::Rows() const {
+  Lines rows;
+  auto collect = [](void* out, int count, char** values, char**) {
+    std::string row = values[0] != nullptr ? values[0] : "";
+    for (int i = 1; i < count; ++i) row += "|" + std::string(values[i] != nullptr ? values[i] : "");
+    static_cast<Lines*>(out)->push_back(row);
+    return 0;
+  };
   sqlite3* db = nullptr;
-  if (sqlite3_open_v2(DatabasePath().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) != SQLITE_OK) {
-    sqlite3_close(db);
-    return rows;
+  if (sqlite3_open_v2(DatabasePath().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_exec(db, "select * from pluginTable order by name", collect, &rows, nullptr);
   }
-  sqlite3_stmt* statement = nullptr;
-  if (sqlite3_prepare_v2(db, "select * from pluginTable order by name", -1, &statement, nullptr) == SQLITE_OK) {
-    auto text = [statement](int column) {
-      const unsigned char* value = sqlite3_column_text(statement, column);
-      return std::string(value != nullptr ? reinterpret_cast<const char*>(value) : "");
-    };
-    while (sqlite3_step(statement) == SQLITE_ROW) {
-      rows.push_back({text(0), text(1), text(2), text(3), text(4), sqlite3_column_int(statement, 5),
-                      sqlite3_column_int(statement, 6), sqlite3_column_int(statement, 7), text(8), text(9)});
-    }
-  }
-  sqlite3_finalize(statement);
   sqlite3_close(db);
   return rows;
 }
@@ -188,22 +134,12 @@ bool Device::ResultFileExists() const { return wup_test::PathExists(ResultPath()
 std::string Device::DatabasePath() const { return layout_.db + "/.AppBinaryManager.db"; }
 std::string Device::BackupPath() const { return layout_.db + "/.AppBinaryManager_Backup.db"; }
 
-// Lines read "I/KelvoManager(pid): file: function(line) > message".
-std::vector<std::string> Device::Log() const {
-  std::vector<std::string> messages;
-  for (const std::string& line : wup_test::ReadLines(layout_.log)) {
-    const size_t separator = line.find(" > ");
-    messages.push_back(separator == std::string::npos ? line : line.substr(separator + 3));
-  }
-  return messages;
-}
+Lines Device::Log() const { return wup_test::ReadLog(layout_.log); }
 
 void Device::ClearLog() const { wup_test::RemoveTree(layout_.log); }
 
-std::vector<std::string> Device::Terminated() const { return wup_test::ReadLines(layout_.vex + "/terminated"); }
+Lines Device::Terminated() const { return wup_test::ReadLines(layout_.vex + "/terminated"); }
 
-void Device::SetForeground(const std::string& appid) const {
-  wup_test::WriteFile(layout_.vex + "/foreground", appid);
-}
+void Device::SetForeground(const std::string& appid) const { wup_test::WriteFile(layout_.vex + "/foreground", appid); }
 
 }  // namespace wup_e2e

@@ -14,29 +14,34 @@
 
 namespace wup_e2e {
 
-enum class Location { kReadOnly, kWritable, kBoth };
+using wup_test::Has;
+using wup_test::Lines;
 
-struct Extension {
-  std::string name;
-  std::string lib;
-  std::string version;
-  std::vector<std::string> entryPoints;
-};
+inline const std::string kTypeKey = METADATA_NAMESPACE "upgradable_webapi_type";
+inline const std::string kAppListKey = METADATA_NAMESPACE "upgradable_webapi_applist";
+inline const std::string kForceKey = METADATA_NAMESPACE "forceupdate_webapi";
 
+// A package in the writable area, as the package manager registers it before calling the plug-in.
 struct Package {
   std::string pkgid;
   std::string version = "1.0.0";
-  std::string kind;  // value of the type metadata; empty: no type metadata at all
-  std::string appList;
-  Location location = Location::kWritable;
-  std::string roVersion = "1.0.0";  // the preloaded copy's version when the package is in both places
-  // Description files of an xwalk package: file name to content.
-  std::map<std::string, std::string> descriptions;
+  std::string kind;     // value of the type metadata; empty: no type metadata at all
+  std::string appList;  // value of the allow-list metadata; empty: none
+  std::string force;    // value of the force-update metadata; empty: none
+  std::map<std::string, std::string> descriptions;  // of an xwalk package: file name to content
 };
+
+inline Package Pepper(const std::string& name, const std::string& version = "1.0.0") {
+  return {"com.korvane.tv.pepper." + name, version, "pepperplugin", "", "", {}};
+}
 
 using MetadataList = std::vector<std::pair<const char*, const char*>>;
 
-// The three entry points as loaded from the library, called with a metadata list built from `items`.
+// The metadata list that the package carries, the type key first.
+MetadataList MetadataOf(const Package& package);
+
+// The three entry points as loaded from the library, called with a metadata list built from `items`; a
+// null pair stands for a node without data, a null key for an item without a key.
 class Plugin {
  public:
   explicit Plugin(void* library);
@@ -52,12 +57,6 @@ class Plugin {
   EntryPoint uninstall_;
 };
 
-struct Row {
-  std::string name, version, path, pkgid, entryPoints;
-  int pluginType, hasForceMetaData, isUpdate;
-  std::string appWhiteList, systemPath;
-};
-
 class Device {
  public:
   Device();
@@ -71,34 +70,26 @@ class Device {
   // in that process only. The process's exit status: 0 when it ran through, kExceptionLeft when an
   // exception left the plug-in, 128 + signal when it was killed.
   static constexpr int kExceptionLeft = 4;
-  int Run(const std::function<void(Plugin&)>& body, const std::vector<std::string>& environment = {});
-  // Installs a placed package the way the package manager does: its metadata list, one call.
-  int InstallPlaced(const Package& package);
+  int Run(const std::function<void(Plugin&)>& body, const Lines& environment = {});
+  // Places the package and installs it the way the package manager does: its metadata list, one call.
+  int Install(const Package& package, const Lines& environment = {});
 
   // What the plug-in left behind.
-  std::vector<Row> Rows() const;          // every row of the plug-in table, by name
-  std::string ResultFile() const;         // "" when missing
+  // Every row of the plug-in table, by name, its columns joined with "|" (NULL as empty).
+  Lines Rows() const;
+  std::string ResultFile() const;  // "" when missing
   bool ResultFileExists() const;
   std::string ResultPath() const;
   std::string DatabasePath() const;
   std::string BackupPath() const;
-  std::vector<std::string> Log() const;   // log messages since the last ClearLog, without prefixes
+  Lines Log() const;  // log messages since the last ClearLog, without prefixes
   void ClearLog() const;
-  std::vector<std::string> Terminated() const;
+  Lines Terminated() const;
   void SetForeground(const std::string& appid) const;
 
  private:
   wup_test::SandboxLayout layout_;
 };
-
-// The metadata list that a package of `kind` carries (the type key, and the allow-list when given).
-MetadataList MetadataOf(const Package& package);
-const std::string& TypeKey();
-const std::string& AppListKey();
-
-// Number of log messages equal to `message`.
-int Count(const std::vector<std::string>& log, const std::string& message);
-bool Has(const std::vector<std::string>& log, const std::string& message);
 
 }  // namespace wup_e2e
 

@@ -1,17 +1,18 @@
 #include "sandbox.h"
 
-#include <dirent.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 namespace wup_test {
+
+namespace fs = std::filesystem;
 
 SandboxLayout SandboxLayout::At(const std::string& root) {
   SandboxLayout layout;
@@ -74,43 +75,50 @@ void WriteFile(const std::string& path, const std::string& content) {
   if (!out) throw std::runtime_error("cannot write " + path);
 }
 
-void MakeDirs(const std::string& path) {
-  for (size_t pos = 1; pos != std::string::npos;) {
-    pos = path.find('/', pos + 1);
-    const std::string prefix = path.substr(0, pos);
-    if (mkdir(prefix.c_str(), 0755) != 0 && errno != EEXIST) {
-      throw std::runtime_error("cannot create " + prefix);
-    }
-  }
-}
+void MakeDirs(const std::string& path) { fs::create_directories(path); }
 
 void RemoveTree(const std::string& path) {
-  struct stat st;
-  if (lstat(path.c_str(), &st) != 0) return;
-  if (S_ISDIR(st.st_mode)) {
-    if (DIR* dir = opendir(path.c_str())) {
-      while (dirent* entry = readdir(dir)) {
-        const std::string name = entry->d_name;
-        if (name != "." && name != "..") RemoveTree(path + "/" + name);
-      }
-      closedir(dir);
-    }
-    rmdir(path.c_str());
-  } else {
-    unlink(path.c_str());
-  }
+  std::error_code ignored;  // best effort, as for a sandbox being cleared away
+  fs::remove_all(path, ignored);
 }
 
 bool PathExists(const std::string& path) {
-  struct stat st;
-  return lstat(path.c_str(), &st) == 0;
+  std::error_code error;
+  return fs::exists(fs::symlink_status(path, error));
 }
 
-std::vector<std::string> ReadLines(const std::string& path) {
-  std::vector<std::string> lines;
+Lines ReadLines(const std::string& path) {
+  Lines lines;
   std::ifstream in(path);
   for (std::string line; std::getline(in, line);) lines.push_back(line);
   return lines;
+}
+
+bool Has(const Lines& lines, const std::string& line) {
+  return std::find(lines.begin(), lines.end(), line) != lines.end();
+}
+
+std::string LogMessage(const std::string& line) {
+  const size_t separator = line.find(" > ");
+  return separator == std::string::npos ? line : line.substr(separator + 3);
+}
+
+Lines ReadLog(const std::string& path) {
+  Lines messages = ReadLines(path);
+  for (std::string& line : messages) line = LogMessage(line);
+  return messages;
+}
+
+void WriteManifest(const std::string& dir, const std::string& package, const std::string& version,
+                   const Lines& appids, const Metadata& metadata) {
+  std::string xml = "<manifest xmlns=\"http://tizen.org/ns/packages\" package=\"" + package +
+                    "\" version=\"" + version + "\" api-version=\"6.0\">\n";
+  for (const std::string& appid : appids) {
+    xml += "  <ui-application appid=\"" + appid + "\" exec=\"plugin\" type=\"capp\">\n";
+    for (const auto& [key, value] : metadata) xml += "    <metadata key=\"" + key + "\" value=\"" + value + "\"/>\n";
+    xml += "  </ui-application>\n";
+  }
+  WriteFile(dir + "/" + package + ".xml", xml + "</manifest>\n");
 }
 
 Watchdog::Watchdog(unsigned seconds) { alarm(seconds); }
@@ -118,17 +126,22 @@ Watchdog::Watchdog(unsigned seconds) { alarm(seconds); }
 Watchdog::~Watchdog() { alarm(0); }
 
 int CountOpenFds() {
-  int count = 0;
-  if (DIR* dir = opendir("/proc/self/fd")) {
-    while (dirent* entry = readdir(dir)) {
-      if (entry->d_name[0] != '.') ++count;
-    }
-    closedir(dir);
-  }
-  return count - 1;  // the descriptor of the listing itself
+  // Less the descriptor of the listing itself.
+  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator())) - 1;
 }
 
-CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector<std::string>& environment) {
+void SetEnvironment(const Lines& entries) {
+  for (const std::string& entry : entries) {
+    const size_t equals = entry.find('=');
+    if (equals == std::string::npos) {
+      unsetenv(entry.c_str());
+    } else {
+      setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
+    }
+  }
+}
+
+CommandResult RunCommand(const Lines& argv, const Lines& environment) {
   int pipeFds[2];
   if (pipe(pipeFds) != 0) throw std::runtime_error("pipe failed");
   const pid_t child = fork();
@@ -136,14 +149,7 @@ CommandResult RunCommand(const std::vector<std::string>& argv, const std::vector
     dup2(pipeFds[1], STDOUT_FILENO);
     close(pipeFds[0]);
     close(pipeFds[1]);
-    for (const std::string& entry : environment) {
-      const size_t equals = entry.find('=');
-      if (equals == std::string::npos) {
-        unsetenv(entry.c_str());
-      } else {
-        setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
-      }
-    }
+    SetEnvironment(environment);
     std::vector<char*> args;
     for (const std::string& arg : argv) args.push_back(const_cast<char*>(arg.c_str()));
     args.push_back(nullptr);

@@ -1,12 +1,15 @@
-// A sandbox device: a temporary directory laid out like the TV's file system, and the environment
-// variables that point the host stand-ins at it.
+// A sandbox device: a temporary directory laid out like the TV's file system, the environment variables
+// that point the host stand-ins at it, and the file helpers every kind of test uses on it.
 #ifndef WUP_TESTS_SUPPORT_SANDBOX_H_
 #define WUP_TESTS_SUPPORT_SANDBOX_H_
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace wup_test {
+
+using Lines = std::vector<std::string>;
 
 struct SandboxLayout {
   std::string root;
@@ -38,16 +41,27 @@ void WriteFile(const std::string& path, const std::string& content);
 void MakeDirs(const std::string& path);
 void RemoveTree(const std::string& path);
 bool PathExists(const std::string& path);
-std::vector<std::string> ReadLines(const std::string& path);
+Lines ReadLines(const std::string& path);
+
+bool Has(const Lines& lines, const std::string& line);
+
+// What follows the "file: function(line) > " prefix of a log line.
+std::string LogMessage(const std::string& line);
+// The messages of the log file that the host log stand-in writes, in order, without their prefixes.
+Lines ReadLog(const std::string& path);
+
+using Metadata = std::vector<std::pair<std::string, std::string>>;
+
+// A package as the package manager leaves it: `dir`/`package`.xml with one ui-application per appid,
+// each carrying `metadata`. Sample texts hold no XML markup, so nothing is escaped.
+void WriteManifest(const std::string& dir, const std::string& package, const std::string& version,
+                   const Lines& appids, const Metadata& metadata = {});
 
 // Turns a hang into a failure: the process is killed by SIGALRM unless the watchdog goes out of scope
 // within `seconds`.
-class Watchdog {
- public:
+struct Watchdog {
   explicit Watchdog(unsigned seconds = 60);
   ~Watchdog();
-  Watchdog(const Watchdog&) = delete;
-  Watchdog& operator=(const Watchdog&) = delete;
 };
 
 // Number of descriptors this process has open (entries of /proc/self/fd).
@@ -59,9 +73,11 @@ struct CommandResult {
   std::string output;      // what it wrote to standard output
 };
 
+// Sets the entries "NAME=VALUE" in this process's environment; "NAME" alone unsets.
+void SetEnvironment(const Lines& entries);
+
 // Runs a program to its end. `environment` entries "NAME=VALUE" are set for it, "NAME" alone unsets.
-CommandResult RunCommand(const std::vector<std::string>& argv,
-                         const std::vector<std::string>& environment = {});
+CommandResult RunCommand(const Lines& argv, const Lines& environment = {});
 
 }  // namespace wup_test
 

@@ -1,17 +1,17 @@
-// The shared helpers: the process-wide instances, the log line, the file-size helper, the record.
-#include <gtest/gtest.h>
+// The shared vocabulary: the process-wide instances, the log line, the file-size helper, the record and
+// the constants built at load time from the platform path service.
 #include <unistd.h>
 
 #include <atomic>
 #include <stdexcept>
 #include <thread>
-#include <vector>
 
 #include "PluginCommon.h"
-#include "log_capture.h"
-#include "sandbox.h"
+#include "unit.h"
 
 namespace {
+
+using namespace wup_test;
 
 struct Counted {
   static inline std::atomic<int> constructed{0};
@@ -28,20 +28,11 @@ struct FailsOnce {
   }
 };
 
-bool MutexIsFree(pthread_mutex_t* mutex) {
-  if (pthread_mutex_trylock(mutex) != 0) return false;
-  pthread_mutex_unlock(mutex);
-  return true;
-}
-
 TEST(Singleton, ConstructsOneInstanceOnceEvenWhenRequestedConcurrently) {
   std::vector<Counted*> seen(4, nullptr);
   std::vector<std::thread> threads;
-  for (size_t i = 0; i < seen.size(); ++i) {
-    threads.emplace_back([&seen, i] { seen[i] = CSingleton<Counted>::GetInstance(); });
-  }
+  for (Counted*& instance : seen) threads.emplace_back([&instance] { instance = CSingleton<Counted>::GetInstance(); });
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(1, Counted::constructed);
   for (Counted* instance : seen) EXPECT_EQ(CSingleton<Counted>::m_pObj, instance);
   EXPECT_EQ(seen[0], CSingleton<Counted>::GetInstance());
   EXPECT_EQ(1, Counted::constructed);
@@ -50,12 +41,9 @@ TEST(Singleton, ConstructsOneInstanceOnceEvenWhenRequestedConcurrently) {
 TEST(Singleton, FailedConstructionLeavesNoInstanceAndTheMutexFree) {
   EXPECT_THROW(CSingleton<FailsOnce>::GetInstance(), std::runtime_error);
   EXPECT_EQ(nullptr, CSingleton<FailsOnce>::m_pObj);
-  EXPECT_TRUE(MutexIsFree(&CSingleton<FailsOnce>::m_tSingletonLock));
-
-  FailsOnce* instance = CSingleton<FailsOnce>::GetInstance();
-  ASSERT_NE(nullptr, instance);
-  EXPECT_EQ(2, FailsOnce::attempts);
-
+  ASSERT_EQ(0, pthread_mutex_trylock(&CSingleton<FailsOnce>::m_tSingletonLock));
+  pthread_mutex_unlock(&CSingleton<FailsOnce>::m_tSingletonLock);
+  EXPECT_NE(nullptr, CSingleton<FailsOnce>::GetInstance());
   CSingleton<FailsOnce>::DestroyInstance();
   EXPECT_EQ(nullptr, CSingleton<FailsOnce>::m_pObj);
   CSingleton<FailsOnce>::GetInstance();
@@ -63,11 +51,11 @@ TEST(Singleton, FailedConstructionLeavesNoInstanceAndTheMutexFree) {
 }
 
 TEST(Logging, EveryLineGoesToTheMainBufferAtInfoWithFileFunctionAndLine) {
-  wup_test::ClearLog();
+  ClearLog();
   const int line = __LINE__ + 1;
   PLUGIN_LOG("pkgid(%s) count(%d)", "com.korvane.tv.pepper.x", 3);
-  ASSERT_EQ(1u, wup_test::LogEntries().size());
-  const wup_test::LogEntry& entry = wup_test::LogEntries()[0];
+  ASSERT_EQ(1u, LogEntries().size());
+  const LogEntry& entry = LogEntries()[0];
   EXPECT_EQ(0, entry.logId);
   EXPECT_EQ(4, entry.priority);
   EXPECT_EQ("KelvoManager", entry.tag);
@@ -76,18 +64,13 @@ TEST(Logging, EveryLineGoesToTheMainBufferAtInfoWithFileFunctionAndLine) {
 }
 
 TEST(GetFileSize, SizeOfTheFileBehindThePathOrMinusOne) {
-  const std::string dir = wup_test::MakeTempDir("wup-size");
-  wup_test::WriteFile(dir + "/empty", "");
-  wup_test::WriteFile(dir + "/five", "12345");
+  const std::string dir = Device().root;
+  WriteFile(dir + "/empty", "");
+  WriteFile(dir + "/five", "12345");
   ASSERT_EQ(0, symlink((dir + "/five").c_str(), (dir + "/link").c_str()));
   ASSERT_EQ(0, symlink((dir + "/gone").c_str(), (dir + "/dangling").c_str()));
-
-  EXPECT_EQ(-1, GetFileSize((dir + "/missing").c_str()));
-  EXPECT_EQ(0, GetFileSize((dir + "/empty").c_str()));
-  EXPECT_EQ(5, GetFileSize((dir + "/five").c_str()));
-  EXPECT_EQ(5, GetFileSize((dir + "/link").c_str()));
-  EXPECT_EQ(-1, GetFileSize((dir + "/dangling").c_str()));
-  wup_test::RemoveTree(dir);
+  const std::pair<const char*, int> sizes[] = {{"missing", -1}, {"empty", 0}, {"five", 5}, {"link", 5}, {"dangling", -1}};
+  for (const auto& [name, size] : sizes) EXPECT_EQ(size, GetFileSize((dir + "/" + name).c_str())) << name;
 }
 
 TEST(PluginRecord, NewRecordIsAnEmptyPepperRecordInstalledReadOnly) {
@@ -95,8 +78,63 @@ TEST(PluginRecord, NewRecordIsAnEmptyPepperRecordInstalledReadOnly) {
   EXPECT_EQ(PEPPER_PLUGIN, record.pluginType);
   EXPECT_EQ(0, record.hasForceMetaData);
   EXPECT_EQ(INSTALLED_ONLY_RO, record.isUpdate);
-  EXPECT_TRUE(record.name.empty() && record.version.empty() && record.path.empty() && record.pkgid.empty() &&
-              record.entryPoints.empty() && record.appWhiteList.empty() && record.systemPath.empty());
+  EXPECT_EQ("", record.name + record.version + record.path + record.pkgid + record.entryPoints +
+                    record.appWhiteList + record.systemPath);
+}
+
+// This program built the constants while it was loaded, from the sandbox that its main exported.
+TEST(Constants, DirectoriesFilesAndKeys) {
+  const std::string rw = Device().rwApp + "/", result = rw + "appbinarymanager/webapi_result";
+  const std::string ns = METADATA_NAMESPACE;
+  EXPECT_EQ("/tv/metadata/", ns.substr(ns.size() - 13));
+  const std::pair<std::string, std::string> constants[] = {
+      {strRW_APP_DIR, rw},
+      {strRO_APP_DIR, Device().roApp + "/"},
+      {strMANAGER_DIR, rw + "appbinarymanager/"},
+      {strPEPPER_DIR, rw + "pepper/"},
+      {strB2B_PEPPER_DIR, rw + "pepper/b2b/"},
+      {strRESULT_DIR, result},
+      {strRESULT_FILE, result + "/upgrade_webapi_result.json"},
+      {strRESULT_FILE_BAK, result + "/upgrade_webapi_result.json_bak"},
+      {strTZ_SYS_DB, Device().db},
+      {VERSION_DB, Device().db + "/.AppBinaryManager.db"},
+      {VERSION_DB_BAKUP, Device().db + "/.AppBinaryManager_Backup.db"},
+      {strMETADATA_TYPE_KEY, ns + "upgradable_webapi_type"},
+      {strMETADATA_FORCE_KEY, ns + "forceupdate_webapi"},
+      {strMETADATA_APPLIST_KEY, ns + "upgradable_webapi_applist"},
+      {strXWALK_EXTENSION_DIR, "/usr/lib/tizen-extensions-crosswalk/"},
+      {strVERSION_TABLE, "versionTable"},
+      {strPLUGIN_TABLE, "pluginTable"},
+      {strDEFAULT_VERSION, "0.0.0"},
+      {strPEPPER_PKG_PREFIX, "com.korvane.tv.pepper."},
+      {strXWALK_PKG_PREFIX, "com.korvane.tv.xwalk."},
+      {strSHARED_RES, "/shared/res/"},
+      {strPEPPER_PLUGIN, "pepperplugin"},
+      {strXWALK_PLUGIN, "xwalkplugin"},
+      {strB2B_PEPPER_PLUGIN, "b2bpepperplugin"},
+  };
+  for (const auto& [value, expected] : constants) EXPECT_EQ(expected, value);
+  EXPECT_EQ(strVERSION_DB, VERSION_DB);
+  EXPECT_EQ(strVERSION_DB_BAKUP, VERSION_DB_BAKUP);
+}
+
+// Runs only in the programs that the next test starts, with the writable directory unknown to the path
+// service and a database directory that ends in "/".
+TEST(Constants, DISABLED_InAnotherEnvironment) {
+  EXPECT_EQ("/opt/usr/apps/pepper/b2b/", strB2B_PEPPER_DIR);
+  EXPECT_EQ("/opt/usr/apps/appbinarymanager/webapi_result/upgrade_webapi_result.json", strRESULT_FILE);
+  EXPECT_EQ(Device().roApp + "/", strRO_APP_DIR);
+  EXPECT_STREQ("/var/db//.AppBinaryManager.db", VERSION_DB);
+  EXPECT_STREQ("/var/db//.AppBinaryManager_Backup.db", VERSION_DB_BAKUP);
+}
+
+TEST(Constants, OnlyTheWritableDirectoryHasAFallback) {
+  for (const char* unset : {"TZ_SYS_RW_APP", "TZ_SYS_RO_APP", "TZ_SYS_DB"}) {
+    const CommandResult loaded = RunCommand(
+        {"/proc/self/exe", "--gtest_also_run_disabled_tests", "--gtest_filter=*InAnotherEnvironment"},
+        {"TZ_SYS_DB=/var/db/", std::string("HOST_TZPLATFORM_UNSET=") + unset});
+    EXPECT_EQ(std::string(unset) == "TZ_SYS_RW_APP", loaded.exited && loaded.status == 0) << unset << loaded.output;
+  }
 }
 
 }  // namespace

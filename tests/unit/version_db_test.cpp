@@ -1,7 +1,6 @@
 // The version database on real SQLite files in the sandbox: records, the open check and its recovery,
 // the backup copy, failures provoked through SQLite's own hooks, another process holding the database
 // (those tests wait on purpose: the busy handler's waits, the check's one-second sleeps), and the facade.
-#include <gmock/gmock.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -14,16 +13,14 @@
 
 #include "DBUtil.h"
 #include "VersionSqliteDB.h"
-#include "log_capture.h"
-#include "sandbox.h"
+#include "unit.h"
+
+namespace {
 
 using namespace wup_test;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsSupersetOf;
-using Lines = std::vector<std::string>;
-
-namespace {
 
 // The product's paths are built while the program loads; they are read only once tests run.
 std::string Main() { return VERSION_DB; }
@@ -142,7 +139,7 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
 // The function named in the prefix of the first line that logged `message`.
 std::string LoggedBy(const std::string& message) {
   for (const LogEntry& entry : LogEntries()) {
-    if (entry.Message() != message) continue;
+    if (LogMessage(entry.text) != message) continue;
     const size_t start = entry.text.find(": ") + 2;
     return entry.text.substr(start, entry.text.find('(', start) - start);
   }

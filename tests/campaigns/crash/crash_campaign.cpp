@@ -32,7 +32,6 @@
 #include <string>
 #include <vector>
 
-#include "sample_packages.h"
 #include "sandbox.h"
 
 namespace fs = std::filesystem;

@@ -1,0 +1,56 @@
+// Main of the unit-test programs: the first run lays out a fresh sandbox, runs the program again inside
+// it, and removes it afterwards. The log is captured in the program.
+#include <dlog.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+
+#include "unit.h"
+
+static std::vector<wup_test::LogEntry> g_log;
+
+void wup_test::ClearLog() { g_log.clear(); }
+
+const std::vector<wup_test::LogEntry>& wup_test::LogEntries() { return g_log; }
+
+// Takes the place of the platform log for the product code linked into this program (hence its
+// ENABLE_EXPORTS). TEST_LOG_ECHO=1 also prints each line, for reading a failing test.
+extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  char* text = nullptr;
+  const int length = vasprintf(&text, fmt, args);
+  va_end(args);
+  if (length < 0) return -1;
+  g_log.push_back({static_cast<int>(log_id), prio, tag ? tag : "", text});
+  if (std::getenv("TEST_LOG_ECHO") != nullptr) std::fprintf(stderr, "[log] %s\n", text);
+  std::free(text);
+  return length;
+}
+
+int main(int argc, char** argv) {
+  if (std::getenv("WUP_TEST_SANDBOX") != nullptr) {
+    ::testing::InitGoogleMock(&argc, argv);
+    return RUN_ALL_TESTS();
+  }
+  const std::string root = wup_test::MakeTempDir("wup-unit");
+  const wup_test::SandboxLayout layout = wup_test::SandboxLayout::At(root);
+  layout.Create();
+  layout.Export();
+  unsetenv("HOST_DLOG_FILE");
+  setenv("WUP_TEST_SANDBOX", root.c_str(), 1);
+  const pid_t child = fork();
+  if (child == 0) {
+    execv("/proc/self/exe", argv);
+    _exit(127);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  wup_test::RemoveTree(root);
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  std::fprintf(stderr, "test program ended by signal %d\n", WTERMSIG(status));
+  return 128 + WTERMSIG(status);
+}

@@ -1,0 +1,191 @@
+// The host stand-ins the other tests rely on: the manifest reader (what it learns from a
+// tizen-manifest.xml, and the one-line reason for a file it cannot use) and the package-information
+// service (what it answers from the sandbox device's manifests, how it fails, how it counts handles).
+#include <pkgmgr-info-host.h>
+#include <pkgmgr-info.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+
+#include "manifest.h"
+#include "unit.h"
+
+namespace {
+
+using namespace wup_test;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::Not;
+using ::testing::Pair;
+using ::testing::StartsWith;
+
+TEST(ManifestReader, ReadsApplicationsAndTheirMetadataInManifestOrder) {
+  const std::string path = Device().root + "/tizen-manifest.xml";
+  WriteFile(path, R"(<?xml version="1.0" encoding="utf-8"?>
+<manifest xmlns="http://tizen.org/ns/packages" package="pkg" version="2.1.0" api-version="6.0">
+  <label>ignored</label>
+  <ui-application appid="pkg.ui"><metadata key="t" value="x"/><metadata key="b"/><metadata value="no key"/>
+    <label>ignored</label></ui-application>
+  <service-application appid="pkg.svc"><metadata key="z" value="1"/></service-application>
+  <application appid="not-an-application-element"/>
+  <ui-application-extra appid="suffix-in-the-middle"/>
+  <widget-application><metadata key="no appid" value="x"/></widget-application>
+</manifest>)");
+  host::Manifest manifest;
+  std::string error;
+  ASSERT_TRUE(host::ReadManifest(path, manifest, error)) << error;
+  EXPECT_EQ(manifest.package + " " + manifest.version, "pkg 2.1.0");
+  ASSERT_EQ(manifest.apps.size(), 2u);
+  EXPECT_EQ(manifest.apps[0].appid, "pkg.ui");
+  EXPECT_THAT(manifest.apps[0].metadata, ElementsAre(Pair("t", "x"), Pair("b", "")));
+  EXPECT_EQ(manifest.apps[1].appid, "pkg.svc");
+  EXPECT_THAT(manifest.apps[1].metadata, ElementsAre(Pair("z", "1")));
+
+  const std::pair<std::string, std::string> unusable[] = {
+      {"", "No such file"},  // no file at all
+      {"<manifest package=\"p\">\n<ui-application appid=\"a\">\n</manifest>\n", "not XML"},
+      {"<package package=\"p\" version=\"1\"/>", "root element is not <manifest>"},
+      {"<manifest version=\"1\"><ui-application appid=\"a\"/></manifest>", "no package attribute"},
+      {"<manifest package=\"\"/>", "no package attribute"},
+  };
+  for (const auto& [content, reason] : unusable) {
+    RemoveTree(path);
+    if (!content.empty()) WriteFile(path, content);
+    manifest.package = "untouched";
+    EXPECT_FALSE(host::ReadManifest(path, manifest, error)) << content;
+    EXPECT_THAT(error, AllOf(StartsWith(path + ": "), HasSubstr(reason), Not(HasSubstr("\n")))) << content;
+    EXPECT_EQ(manifest.package, "untouched") << content;
+  }
+}
+
+// What a query of one package or application answers, or "<result>" when a call fails; the handle is
+// released either way.
+template <typename Handle>
+std::string Ask(int (*open)(const char*, Handle*), int (*read)(Handle, char**), int (*destroy)(Handle),
+                const char* id) {
+  Handle handle = nullptr;
+  char* text = nullptr;
+  int result = open(id, &handle);
+  if (result == PMINFO_R_OK) result = read(handle, &text);
+  const std::string answer = result == PMINFO_R_OK ? text : "<" + std::to_string(result) + ">";
+  if (handle != nullptr) destroy(handle);
+  return answer;
+}
+std::string Version(const char* pkgid) {
+  return Ask(pkgmgrinfo_pkginfo_get_pkginfo, pkgmgrinfo_pkginfo_get_version, pkgmgrinfo_pkginfo_destroy_pkginfo,
+             pkgid);
+}
+std::string RootPath(const char* appid) {
+  return Ask(pkgmgrinfo_appinfo_get_appinfo, pkgmgrinfo_appinfo_get_root_path, pkgmgrinfo_appinfo_destroy_appinfo,
+             appid);
+}
+
+class PkgmgrInfoStandIn : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    Device().Reset();
+    unsetenv("HOST_PKGMGRINFO_FAIL");
+    host_pkgmgrinfo_reset_counters();
+  }
+  void TearDown() override { EXPECT_EQ(host_pkgmgrinfo_open_handles(), 0); }
+  const std::string rw_ = Device().rwPackages;
+};
+
+TEST_F(PkgmgrInfoStandIn, UpdatedManifestShadowsThePreloadedOne) {
+  WriteManifest(Device().roPackages, "pkg", "1.0.0", {"pkg", "pkg.old"});
+  WriteManifest(Device().roPackages, "other", "0.1", {"other.app"});
+  EXPECT_EQ(Version("pkg"), "1.0.0");
+  EXPECT_EQ(RootPath("pkg.old"), Device().roApp + "/pkg");
+
+  WriteManifest(rw_, "pkg", "2.0.0", {"pkg", "pkg.new"});
+  EXPECT_EQ(Version("pkg"), "2.0.0");
+  EXPECT_EQ(RootPath("pkg.new"), Device().rwApp + "/pkg");
+  EXPECT_EQ(RootPath("pkg.old"), "<-3>") << "the update hides the preloaded manifest";
+  EXPECT_EQ(Version("pkg.new"), "<-3>") << "application ids are no package ids";
+
+  // A broken update still shadows: the call fails rather than answer the old facts.
+  WriteFile(rw_ + "/pkg.xml", "<manifest version=\"3\">");
+  EXPECT_EQ(Version("pkg"), "<-1>");
+  EXPECT_EQ(RootPath("pkg.old"), "<-1>") << "an application that may be in a broken manifest is an error";
+  EXPECT_EQ(RootPath("other.app"), Device().roApp + "/other");
+  EXPECT_EQ(Version("absent"), "<-3>");
+  EXPECT_EQ(Version(nullptr), "<-2>");
+}
+
+TEST_F(PkgmgrInfoStandIn, MetadataKeysMatchIgnoringCaseAndStringsLiveAsLongAsTheHandle) {
+  WriteManifest(rw_, "pkg", "1", {"pkg"}, {{"Type_Key", "pepperplugin"}});
+  pkgmgrinfo_appinfo_h app = nullptr;
+  ASSERT_EQ(pkgmgrinfo_appinfo_get_appinfo("pkg", &app), PMINFO_R_OK);
+  char* type = nullptr;
+  char* missing = nullptr;
+  EXPECT_EQ(pkgmgrinfo_appinfo_get_metadata_value(app, "TYPE_key", &type), PMINFO_R_OK);
+  EXPECT_EQ(pkgmgrinfo_appinfo_get_metadata_value(app, "Type", &missing), PMINFO_R_EINVAL);
+  EXPECT_EQ(pkgmgrinfo_appinfo_get_metadata_value(app, nullptr, &missing), PMINFO_R_EINVAL);
+  // Other handles come and go and the manifest changes while the first handle is open.
+  WriteManifest(rw_, "pkg", "2", {"pkg"});
+  EXPECT_EQ(RootPath("pkg"), Device().rwApp + "/pkg");
+  EXPECT_STREQ(type, "pepperplugin");
+  EXPECT_EQ(missing, nullptr);
+  pkgmgrinfo_appinfo_destroy_appinfo(app);
+}
+
+// What the other tests rely on to provoke failures and to find records released never or twice.
+TEST_F(PkgmgrInfoStandIn, ForcedFailuresAndHandleCounts) {
+  WriteManifest(rw_, "pkg", "1.0.0", {"pkg"});
+  setenv("HOST_PKGMGRINFO_FAIL", "pkgmgrinfo_pkginfo_get_version,pkgmgrinfo_appinfo", 1);
+  EXPECT_EQ(Version("pkg"), "<-1>");
+  EXPECT_EQ(RootPath("pkg"), Device().rwApp + "/pkg") << "only whole names count";
+
+  pkgmgrinfo_appinfo_h app = nullptr;
+  pkgmgrinfo_pkginfo_h package = nullptr;
+  ASSERT_EQ(pkgmgrinfo_appinfo_get_appinfo("pkg", &app), PMINFO_R_OK);
+  ASSERT_EQ(pkgmgrinfo_pkginfo_get_pkginfo("pkg", &package), PMINFO_R_OK);
+  EXPECT_EQ(host_pkgmgrinfo_open_appinfo_handles() + host_pkgmgrinfo_open_pkginfo_handles(), 2);
+  EXPECT_EQ(pkgmgrinfo_pkginfo_destroy_pkginfo(app), PMINFO_R_EINVAL) << "handle of the other kind";
+  EXPECT_EQ(pkgmgrinfo_appinfo_destroy_appinfo(app), PMINFO_R_OK);
+  EXPECT_EQ(pkgmgrinfo_appinfo_destroy_appinfo(app), PMINFO_R_EINVAL) << "destroyed handle";
+  setenv("HOST_PKGMGRINFO_FAIL", "pkgmgrinfo_pkginfo_destroy_pkginfo", 1);
+  EXPECT_EQ(pkgmgrinfo_pkginfo_destroy_pkginfo(package), PMINFO_R_ERROR) << "a failing destroy still releases";
+  EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 2);
+  host_pkgmgrinfo_reset_counters();
+  EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 0);
+}
+
+// Manifests are read once per process: every change between two calls must show in the next answer, even
+// a rewrite of the same size within the same clock tick, and what only the XML parser can read.
+TEST_F(PkgmgrInfoStandIn, AnswersFollowEveryChangeBetweenCalls) {
+  const std::string outside = Device().root + "/elsewhere";
+  MakeDirs(outside);
+  WriteManifest(rw_, "pkg", "1.0.0", {"pkg"});
+  EXPECT_EQ(Version("pkg"), "1.0.0");
+  WriteManifest(rw_, "pkg", "1.0.1", {"pkg"});
+  EXPECT_EQ(Version("pkg"), "1.0.1");
+  WriteManifest(rw_, "staged", "2.0.0", {"pkg.next"});
+  ASSERT_EQ(std::rename((rw_ + "/staged.xml").c_str(), (rw_ + "/pkg.xml").c_str()), 0);
+  EXPECT_EQ(Version("pkg") + " " + Version("staged"), "2.0.0 <-3>");
+  EXPECT_EQ(RootPath("pkg.next"), Device().rwApp + "/pkg");
+
+  // A link's target may change where no watch of the manifest directory sees it.
+  WriteManifest(outside, "target", "1", {"linked"});
+  ASSERT_EQ(symlink((outside + "/target.xml").c_str(), (rw_ + "/link.xml").c_str()), 0);
+  EXPECT_EQ(RootPath("linked"), Device().rwApp + "/link");
+  WriteManifest(outside, "target", "1", {"relinked"});
+  EXPECT_EQ(RootPath("linked"), "<-3>");
+  EXPECT_EQ(RootPath("relinked"), Device().rwApp + "/link");
+
+  WriteFile(rw_ + "/ref.xml", "<manifest package=\"ref\"><ui-application appid=\"r&#101;f\"/></manifest>");
+  EXPECT_EQ(RootPath("ref"), Device().rwApp + "/ref") << "an id written with a character reference";
+  ASSERT_EQ(std::remove((rw_ + "/pkg.xml").c_str()), 0);
+  EXPECT_EQ(Version("pkg"), "<-3>");
+
+  // A new directory at the same path.
+  RemoveTree(rw_);
+  MakeDirs(rw_);
+  WriteManifest(rw_, "fresh", "3", {"ref"});
+  EXPECT_EQ(Version("fresh"), "3");
+  EXPECT_EQ(RootPath("ref"), Device().rwApp + "/fresh");
+}
+
+}  // namespace
