@@ -2,7 +2,6 @@
 
 #include <dlfcn.h>
 #include <glib.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,18 +29,6 @@ Plugin::Plugin(void* library)
   if (install_ == nullptr || upgrade_ == nullptr || uninstall_ == nullptr) {
     throw std::runtime_error("the library lacks an entry point");
   }
-}
-
-int Plugin::Install(const char* pkgid, const char* appid, const MetadataList& items) {
-  return Call(install_, pkgid, appid, items);
-}
-
-int Plugin::Upgrade(const char* pkgid, const char* appid, const MetadataList& items) {
-  return Call(upgrade_, pkgid, appid, items);
-}
-
-int Plugin::Uninstall(const char* pkgid, const char* appid, const MetadataList& items) {
-  return Call(uninstall_, pkgid, appid, items);
 }
 
 int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const MetadataList& items) {
@@ -106,24 +93,15 @@ int Device::Run(const std::function<void(Plugin&)>& body, const Lines& environme
 
 int Device::Install(const Package& package, const Lines& environment) {
   Place(package);
-  return Run([&package](Plugin& plugin) { plugin.Install(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package)); },
-             environment);
+  return Run(
+      [&package](Plugin& plugin) {
+        plugin.Install(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package));
+      },
+      environment);
 }
 
 Lines Device::Rows() const {
-  Lines rows;
-  auto collect = [](void* out, int count, char** values, char**) {
-    std::string row = values[0] != nullptr ? values[0] : "";
-    for (int i = 1; i < count; ++i) row += "|" + std::string(values[i] != nullptr ? values[i] : "");
-    static_cast<Lines*>(out)->push_back(row);
-    return 0;
-  };
-  sqlite3* db = nullptr;
-  if (sqlite3_open_v2(DatabasePath().c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_exec(db, "select * from pluginTable order by name", collect, &rows, nullptr);
-  }
-  sqlite3_close(db);
-  return rows;
+  return wup_test::Query(DatabasePath(), "select * from pluginTable order by name");
 }
 
 std::string Device::ResultPath() const {
@@ -140,6 +118,8 @@ void Device::ClearLog() const { wup_test::RemoveTree(layout_.log); }
 
 Lines Device::Terminated() const { return wup_test::ReadLines(layout_.vex + "/terminated"); }
 
-void Device::SetForeground(const std::string& appid) const { wup_test::WriteFile(layout_.vex + "/foreground", appid); }
+void Device::SetForeground(const std::string& appid) const {
+  wup_test::WriteFile(layout_.vex + "/foreground", appid);
+}
 
 }  // namespace wup_e2e

@@ -45,9 +45,15 @@ MetadataList MetadataOf(const Package& package);
 class Plugin {
  public:
   explicit Plugin(void* library);
-  int Install(const char* pkgid, const char* appid, const MetadataList& items);
-  int Upgrade(const char* pkgid, const char* appid, const MetadataList& items);
-  int Uninstall(const char* pkgid, const char* appid, const MetadataList& items);
+  int Install(const char* pkgid, const char* appid, const MetadataList& items) {
+    return Call(install_, pkgid, appid, items);
+  }
+  int Upgrade(const char* pkgid, const char* appid, const MetadataList& items) {
+    return Call(upgrade_, pkgid, appid, items);
+  }
+  int Uninstall(const char* pkgid, const char* appid, const MetadataList& items) {
+    return Call(uninstall_, pkgid, appid, items);
+  }
 
  private:
   using EntryPoint = int (*)(const char*, const char*, void*);
@@ -74,8 +80,7 @@ class Device {
   // Places the package and installs it the way the package manager does: its metadata list, one call.
   int Install(const Package& package, const Lines& environment = {});
 
-  // What the plug-in left behind.
-  // Every row of the plug-in table, by name, its columns joined with "|" (NULL as empty).
+  // What the plug-in left behind; the rows of the plug-in table by name, as Query gives them.
   Lines Rows() const;
   std::string ResultFile() const;  // "" when missing
   bool ResultFileExists() const;

@@ -1,20 +1,10 @@
 // Installing and upgrading plug-in packages through the package manager's entry points.
 #include <gtest/gtest.h>
-#include <json/json.h>
-
-#include <sstream>
 
 #include "device.h"
 
 namespace wup_e2e {
 namespace {
-
-Json::Value ParseJson(const std::string& text) {
-  Json::Value document;
-  std::istringstream in(text);
-  EXPECT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), in, &document, nullptr)) << text;
-  return document;
-}
 
 TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
   Device device;
@@ -27,8 +17,10 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
 
   const std::string res = device.layout().rwApp + "/com.korvane.tv.pepper.sampleplayer/shared/res/";
   // name|version|path|pkgid|entryPoints|pluginType|hasForceMetaData|isUpdate|appWhiteList|systemPath
-  EXPECT_EQ(Lines{"sampleplayer|1.2.0|" + res + "|" + package.pkgid + "||1|0|1|App.One, App.Two|"}, device.Rows());
+  EXPECT_EQ(Lines{"sampleplayer|1.2.0|" + res + "|" + package.pkgid + "||1|0|1|App.One, App.Two|"},
+            device.Rows());
   EXPECT_EQ(wup_test::ReadFile(device.DatabasePath()), wup_test::ReadFile(device.BackupPath()));
+  // clang-format off
   EXPECT_EQ(
       "{\n"
       "\t\"forceupdate_webapi\" : \n"
@@ -66,18 +58,20 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
       "\t}\n"
       "}",
       device.ResultFile());
+  // clang-format on
   EXPECT_FALSE(wup_test::PathExists(device.ResultPath() + "_bak"));
   EXPECT_EQ(Lines{"App.One"}, device.Terminated());
 
   const Lines log = device.Log();
   ASSERT_GE(log.size(), 7u);
   EXPECT_EQ((Lines{"METADATA INSTALL", "pkgid(" + package.pkgid + ") appid(" + package.pkgid + ") list(3)",
-                   "key(" + kTypeKey + ") - value(pepperplugin)", "create instance", "PluginHandler::PluginHandler()",
-                   "GetPluginListFromDB", "GetPluginListFromDB"}),
+                   "key(" + kTypeKey + ") - value(pepperplugin)", "create instance",
+                   "PluginHandler::PluginHandler()", "GetPluginListFromDB", "GetPluginListFromDB"}),
             Lines(log.begin(), log.begin() + 7));
   EXPECT_TRUE(Has(log, "pkgid = [" + package.pkgid + "], version = [1.2.0]"));
   EXPECT_TRUE(Has(log, "tpkVersion[1.2.0], localVersion[0.0.0]"));
-  EXPECT_TRUE(Has(log, "insert new data:name[sampleplayer]version[1.2.0]path[" + res + "]pkgid[" + package.pkgid +
+  EXPECT_TRUE(Has(log, "insert new data:name[sampleplayer]version[1.2.0]path[" + res + "]pkgid[" +
+                           package.pkgid +
                            "]entrypoints[]pluginType[1]hasForceMetadata[0]isupdate[1]appWhiteList[App.One, "
                            "App.Two]systempath=[]"));
   EXPECT_TRUE(Has(log, "App.Two is at foreground"));
@@ -97,17 +91,12 @@ TEST(Install, XwalkPackageStoresEveryExtensionInItsOwnResourceDirectoryWhileItCa
   const std::string res = device.layout().rwApp + "/" + package.pkgid + "/shared/res/";
   // The package's version, id and allow-list; of each library only its file part, in the resource directory.
   const std::string common = "|3.0.1|" + res + "lib";
-  const Lines rows = {"tv.audio" + common + "audio.so|" + package.pkgid + "||0|0|1|Viewer.App|",
-                      "tv.channel" + common + "channel.so|" + package.pkgid + "|tizen.tvchannel|0|0|1|Viewer.App|",
-                      "tv.window" + common + "window.so|" + package.pkgid + "|tizen.tvwindow,tizen.tvvideo|0|0|1|Viewer.App|"};
+  const Lines rows = {
+      "tv.audio" + common + "audio.so|" + package.pkgid + "||0|0|1|Viewer.App|",
+      "tv.channel" + common + "channel.so|" + package.pkgid + "|tizen.tvchannel|0|0|1|Viewer.App|",
+      "tv.window" + common + "window.so|" + package.pkgid +
+          "|tizen.tvwindow,tizen.tvvideo|0|0|1|Viewer.App|"};
   EXPECT_EQ(rows, device.Rows());
-  const Json::Value document = ParseJson(device.ResultFile());
-  const Json::Value& xwalk = document["forceupdate_webapi"]["xwalk"];
-  ASSERT_EQ(3u, xwalk.size());
-  EXPECT_FALSE(xwalk[0].isMember("entry_points"));
-  EXPECT_EQ("tizen.tvvideo", xwalk[2]["entry_points"][1].asString());
-  EXPECT_FALSE(document["forceupdate_webapi"].isMember("pepper"));
-  EXPECT_EQ(3u, document["upgradable_webapi_applist"]["xwalk"]["Viewer.App"].size());
   // One termination per record that lists the application.
   EXPECT_EQ(Lines(3, "Viewer.App"), device.Terminated());
 
@@ -128,9 +117,9 @@ TEST(Install, XwalkPackageStoresEveryExtensionInItsOwnResourceDirectoryWhileItCa
   EXPECT_EQ(rows, device.Rows());
 }
 
-TEST(Install, SameVersionAgainStoresNothingAndRewritesOnlyAMissingResultFile) {
+TEST(Install, SameVersionAgainStoresNothingAndRewritesOnlyAMissingResultFileButAnyOtherIsStored) {
   Device device;
-  const Package package = Pepper("again");
+  Package package = Pepper("again", "2.0.0");
   ASSERT_EQ(0, device.Install(package));
   const std::string published = device.ResultFile();
   const std::string database = wup_test::ReadFile(device.DatabasePath());
@@ -140,10 +129,11 @@ TEST(Install, SameVersionAgainStoresNothingAndRewritesOnlyAMissingResultFile) {
   device.ClearLog();
   ASSERT_EQ(0, device.Install(package));
   const Lines log = device.Log();
-  EXPECT_TRUE(Has(log, "tpkVersion[1.0.0], localVersion[1.0.0]"));
+  EXPECT_TRUE(Has(log, "tpkVersion[2.0.0], localVersion[2.0.0]"));
   EXPECT_TRUE(Has(log, "tpkVersion == localVersion"));
   EXPECT_TRUE(Has(log, "no need insert"));
-  for (const std::string& message : log) EXPECT_EQ(std::string::npos, message.find("insert new data:")) << message;
+  for (const std::string& message : log)
+    EXPECT_EQ(std::string::npos, message.find("insert new data:")) << message;
   EXPECT_EQ("marker", device.ResultFile());
   EXPECT_EQ(database, wup_test::ReadFile(device.DatabasePath()));
 
@@ -151,53 +141,36 @@ TEST(Install, SameVersionAgainStoresNothingAndRewritesOnlyAMissingResultFile) {
   wup_test::RemoveTree(device.ResultPath());
   ASSERT_EQ(0, device.Install(package));
   EXPECT_EQ(published, device.ResultFile());
-  EXPECT_EQ(1u, device.Rows().size());
-}
 
-TEST(Install, LowerVersionReplacesTheRecordedOneAndUpgradeBehavesAsInstall) {
-  Device device;
-  Package package = Pepper("downgrade", "2.0.0");
-  ASSERT_EQ(0, device.Install(package));
-
+  // A lower version is no less a change; an upgrade is an install.
   package.version = "1.9.9";
   device.Place(package);
-  wup_test::WriteFile(device.ResultPath(), "stale");
+  wup_test::WriteFile(device.ResultPath(), "marker");
   device.ClearLog();
   ASSERT_EQ(0, device.Run([&package](Plugin& plugin) {
     EXPECT_EQ(0, plugin.Upgrade(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package)));
   }));
-
-  const Lines log = device.Log();
-  ASSERT_GE(log.size(), 2u);
-  EXPECT_EQ((Lines{"METADATA UPGRADE", "METADATA INSTALL"}), Lines(log.begin(), log.begin() + 2));
-  EXPECT_TRUE(Has(log, "tpkVersion[1.9.9], localVersion[2.0.0]"));
-  EXPECT_EQ("finish", log.back());
+  const Lines upgrade = device.Log();
+  EXPECT_EQ((Lines{"METADATA UPGRADE", "METADATA INSTALL"}), Lines(upgrade.begin(), upgrade.begin() + 2));
+  EXPECT_TRUE(Has(upgrade, "tpkVersion[1.9.9], localVersion[2.0.0]"));
+  EXPECT_EQ("finish", upgrade.back());
   const std::string res = device.layout().rwApp + "/" + package.pkgid + "/shared/res/";
-  EXPECT_EQ(Lines{"downgrade|1.9.9|" + res + "|" + package.pkgid + "||1|0|1||"}, device.Rows());
-  EXPECT_NE("stale", device.ResultFile());
+  EXPECT_EQ(Lines{"again|1.9.9|" + res + "|" + package.pkgid + "||1|0|1||"}, device.Rows());
+  EXPECT_EQ(published, device.ResultFile());
 }
 
-TEST(Install, PackagesThatCannotBeToldApartChangeNothing) {
+// An unreadable version reads as "0.0.0", which a plug-in not yet recorded also has.
+TEST(Install, PackageWithAnUnreadableVersionIsNotStored) {
   Device device;
-  const Package unreadable = Pepper("noversion");
-  ASSERT_EQ(0, device.Install(unreadable, {"HOST_PKGMGRINFO_FAIL=pkgmgrinfo_pkginfo_get_version"}));
-  Lines log = device.Log();
-  EXPECT_TRUE(Has(log, "get [" + unreadable.pkgid + "] version fail!!"));
-  EXPECT_TRUE(Has(log, "pkgid = [" + unreadable.pkgid + "], version = [0.0.0]"));
+  const Package package = Pepper("noversion");
+  ASSERT_EQ(0, device.Install(package, {"HOST_PKGMGRINFO_FAIL=pkgmgrinfo_pkginfo_get_version"}));
+  const Lines log = device.Log();
+  EXPECT_TRUE(Has(log, "get [" + package.pkgid + "] version fail!!"));
+  EXPECT_TRUE(Has(log, "pkgid = [" + package.pkgid + "], version = [0.0.0]"));
   EXPECT_TRUE(Has(log, "no need insert"));
   EXPECT_TRUE(device.Rows().empty());
   // Nothing recorded, but the web runtime still gets a (null) result file.
   EXPECT_EQ("null", device.ResultFile());
-
-  Device second;
-  Package unknown = Pepper("other");
-  unknown.kind = "otherplugin";
-  ASSERT_EQ(0, second.Install(unknown));
-  log = second.Log();
-  EXPECT_TRUE(Has(log, "[" + unknown.pkgid + "] type is [99]"));
-  EXPECT_TRUE(Has(log, "check[" + unknown.pkgid + "]fail"));
-  EXPECT_TRUE(second.Rows().empty());
-  EXPECT_FALSE(second.ResultFileExists());
 }
 
 TEST(Install, UnwritableResultFileEmptiesTheDatabaseForTheNextStart) {

@@ -1,5 +1,6 @@
 #include "sandbox.h"
 
+#include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,7 +8,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace wup_test {
@@ -47,11 +48,7 @@ void SandboxLayout::Reset() const {
 }
 
 const SandboxLayout& Device() {
-  static const SandboxLayout layout = [] {
-    const char* root = std::getenv("WUP_TEST_SANDBOX");
-    if (root == nullptr) throw std::runtime_error("test program started without its sandbox");
-    return SandboxLayout::At(root);
-  }();
+  static const SandboxLayout layout = SandboxLayout::At(std::getenv("WUP_TEST_SANDBOX"));  // set by the main
   return layout;
 }
 
@@ -64,9 +61,7 @@ std::string MakeTempDir(const std::string& stem) {
 
 std::string ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream content;
-  content << in.rdbuf();
-  return content.str();
+  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
 }
 
 void WriteFile(const std::string& path, const std::string& content) {
@@ -98,6 +93,22 @@ bool Has(const Lines& lines, const std::string& line) {
   return std::find(lines.begin(), lines.end(), line) != lines.end();
 }
 
+Lines Query(const std::string& path, const char* sql) {
+  Lines rows;
+  auto collect = [](void* out, int count, char** values, char**) {
+    std::string row = values[0] != nullptr ? values[0] : "";
+    for (int i = 1; i < count; ++i) row += "|" + std::string(values[i] != nullptr ? values[i] : "");
+    static_cast<Lines*>(out)->push_back(row);
+    return 0;
+  };
+  sqlite3* db = nullptr;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+    sqlite3_exec(db, sql, collect, &rows, nullptr);
+  }
+  sqlite3_close(db);
+  return rows;
+}
+
 std::string LogMessage(const std::string& line) {
   const size_t separator = line.find(" > ");
   return separator == std::string::npos ? line : line.substr(separator + 3);
@@ -115,7 +126,8 @@ void WriteManifest(const std::string& dir, const std::string& package, const std
                     "\" version=\"" + version + "\" api-version=\"6.0\">\n";
   for (const std::string& appid : appids) {
     xml += "  <ui-application appid=\"" + appid + "\" exec=\"plugin\" type=\"capp\">\n";
-    for (const auto& [key, value] : metadata) xml += "    <metadata key=\"" + key + "\" value=\"" + value + "\"/>\n";
+    for (const auto& [key, value] : metadata)
+      xml += "    <metadata key=\"" + key + "\" value=\"" + value + "\"/>\n";
     xml += "  </ui-application>\n";
   }
   WriteFile(dir + "/" + package + ".xml", xml + "</manifest>\n");
@@ -127,7 +139,8 @@ Watchdog::~Watchdog() { alarm(0); }
 
 int CountOpenFds() {
   // Less the descriptor of the listing itself.
-  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator())) - 1;
+  return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator())) -
+         1;
 }
 
 void SetEnvironment(const Lines& entries) {

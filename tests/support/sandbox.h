@@ -13,13 +13,13 @@ using Lines = std::vector<std::string>;
 
 struct SandboxLayout {
   std::string root;
-  std::string db;           // TZ_SYS_DB
-  std::string rwApp;        // TZ_SYS_RW_APP
-  std::string roApp;        // TZ_SYS_RO_APP
-  std::string rwPackages;   // TZ_SYS_RW_PACKAGES
-  std::string roPackages;   // TZ_SYS_RO_PACKAGES
-  std::string vex;          // HOST_VEX_DIR
-  std::string log;          // HOST_DLOG_FILE
+  std::string db;          // TZ_SYS_DB
+  std::string rwApp;       // TZ_SYS_RW_APP
+  std::string roApp;       // TZ_SYS_RO_APP
+  std::string rwPackages;  // TZ_SYS_RW_PACKAGES
+  std::string roPackages;  // TZ_SYS_RO_PACKAGES
+  std::string vex;         // HOST_VEX_DIR
+  std::string log;         // HOST_DLOG_FILE
 
   static SandboxLayout At(const std::string& root);
   // Creates every directory of the layout (the log file is not created).
@@ -45,6 +45,10 @@ Lines ReadLines(const std::string& path);
 
 bool Has(const Lines& lines, const std::string& line);
 
+// Runs `sql` on the SQLite file at `path` (never created here), behind the product's back: one line per
+// row, its columns joined with "|", NULL as empty; nothing when the file cannot be opened.
+Lines Query(const std::string& path, const char* sql);
+
 // What follows the "file: function(line) > " prefix of a log line.
 std::string LogMessage(const std::string& line);
 // The messages of the log file that the host log stand-in writes, in order, without their prefixes.
@@ -68,9 +72,9 @@ struct Watchdog {
 int CountOpenFds();
 
 struct CommandResult {
-  bool exited = false;     // ended by exit (else by a signal)
-  int status = -1;         // exit status, or the signal number
-  std::string output;      // what it wrote to standard output
+  bool exited = false;  // ended by exit (else by a signal)
+  int status = -1;      // exit status, or the signal number
+  std::string output;   // what it wrote to standard output
 };
 
 // Sets the entries "NAME=VALUE" in this process's environment; "NAME" alone unsets.

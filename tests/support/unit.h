@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "PluginCommon.h"
 #include "sandbox.h"
 
 namespace wup_test {
@@ -27,6 +28,13 @@ inline Lines LogMessages() {
   return messages;
 }
 inline bool LogHas(const std::string& message) { return Has(LogMessages(), message); }
+
+// A record as one line, its fields in column order joined with "|", as Query gives a row.
+inline std::string Text(const _PluginData& r) {
+  return r.name + "|" + r.version + "|" + r.path + "|" + r.pkgid + "|" + r.entryPoints + "|" +
+         std::to_string(r.pluginType) + "|" + std::to_string(r.hasForceMetaData) + "|" +
+         std::to_string(r.isUpdate) + "|" + r.appWhiteList + "|" + r.systemPath;
+}
 
 }  // namespace wup_test
 

@@ -49,7 +49,6 @@ class ResultTest : public ::testing::Test {
     JsonUtil::m_TerminateBGApp(appId);
     return LogMessages();
   }
-  static void SetForeground(const std::string& id) { WriteFile(Device().vex + "/foreground", id); }
   static Lines Terminated() { return ReadLines(Device().vex + "/terminated"); }
 
   WebapisUtil util_;
@@ -102,7 +101,7 @@ TEST_F(ResultTest, KindsAndInstallLocationsDecideWhatIsListed) {
 TEST_F(ResultTest, OnlyAKnownForegroundApplicationKeepsRunning) {
   EXPECT_EQ(Guard("a.app"), (Lines{"appId is empty", "vex_terminate_app [a.app] success"}));
 
-  SetForeground("fg.app\n");
+  WriteFile(Device().vex + "/foreground", "fg.app\n");
   EXPECT_EQ(Guard("fg.app"), Lines{"fg.app is at foreground"});
   EXPECT_EQ(Guard(""), (Lines{"appId is empty", "vex_terminate_app [] success"}));
   EXPECT_EQ(Guard("fg.app.other"), (Lines{"appId is empty", "vex_terminate_app [fg.app.other] success"}));
@@ -146,8 +145,9 @@ TEST_F(ResultTest, SaveCreatesTheDirectoryAndRenamesTheStagingFile) {
   struct stat st;
   ASSERT_EQ(stat(strRESULT_DIR.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0775u);
-  EXPECT_EQ(LogMessages(), (Lines{"create [" + strRESULT_DIR + "] success", "[" + strRESULT_FILE_BAK + "] NOT exist",
-                                  "write json to local path [" + strRESULT_FILE_BAK + "] success!"}));
+  EXPECT_EQ(LogMessages(),
+            (Lines{"create [" + strRESULT_DIR + "] success", "[" + strRESULT_FILE_BAK + "] NOT exist",
+                   "write json to local path [" + strRESULT_FILE_BAK + "] success!"}));
 
   // Without the application manager's directory nothing can be created.
   RemoveTree(strMANAGER_DIR);

@@ -1,15 +1,13 @@
 // The version database on real SQLite files in the sandbox: records, the open check and its recovery,
-// the backup copy, failures provoked through SQLite's own hooks, another process holding the database
+// the backup copy, failures provoked through SQLite's own hooks, another connection holding the database
 // (those tests wait on purpose: the busy handler's waits, the check's one-second sleeps), and the facade.
-#include <signal.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <functional>
 #include <memory>
-#include <tuple>
+#include <thread>
 
 #include "DBUtil.h"
 #include "VersionSqliteDB.h"
@@ -29,20 +27,6 @@ const std::string kGarbage(4096, 'x');
 const char kBroken[] =
     ".AppBinaryManager.db is broken! Recover .AppBinaryManager.db from .AppBinaryManager_Backup.db\n";
 
-// Runs SQL on a file behind the product's back; returns the first column of each row, one a line.
-std::string Sql(const std::string& path, const char* sql) {
-  sqlite3* db = nullptr;
-  sqlite3_open(path.c_str(), &db);
-  std::string rows;
-  auto collect = [](void* out, int, char** values, char**) {
-    *static_cast<std::string*>(out) += std::string(values[0] ? values[0] : "NULL") + "\n";
-    return 0;
-  };
-  EXPECT_EQ(sqlite3_exec(db, sql, collect, &rows, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
-  sqlite3_close(db);
-  return rows;
-}
-
 _PluginData Record(const std::string& name, const std::string& version) {
   return {name,
           version,
@@ -54,11 +38,6 @@ _PluginData Record(const std::string& name, const std::string& version) {
           INSTALLED_BOTH_RO_RW,
           "app'one,app2",
           "/usr/apps/" + name};
-}
-
-auto Fields(const _PluginData& r) {
-  return std::tie(r.name, r.version, r.path, r.pkgid, r.entryPoints, r.pluginType, r.hasForceMetaData,
-                  r.isUpdate, r.appWhiteList, r.systemPath);
 }
 
 Lines Names(const PluginDataMap& map) {
@@ -105,16 +84,13 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
   ASSERT_TRUE(db_.InsertPluginData(other));
   quoted.version = "2.0";
   ASSERT_TRUE(db_.InsertPluginData(quoted));
-  Sql(Main(), "insert into pluginTable(name, pluginType) values('bare', 2)");
+  Query(Main(), "insert into pluginTable(name, pluginType) values('bare', 2)");
   PluginDataMap map{{"other", Record("other", "stale")}};
   ASSERT_TRUE(db_.GetPluginList(map));
   EXPECT_THAT(Names(map), ElementsAre("bare", "it's", "other"));
-  EXPECT_EQ(Fields(map["it's"]), Fields(quoted));
+  EXPECT_EQ(Text(map["it's"]), Text(quoted));
   EXPECT_EQ(map["other"].version, "stale") << "an entry already in the map is kept";
-  _PluginData bare;
-  bare.name = "bare";
-  bare.pluginType = B2B_PEPPER_PLUGIN;
-  EXPECT_EQ(Fields(map["bare"]), Fields(bare)) << "NULL text reads as empty";
+  EXPECT_EQ(Text(map["bare"]), "bare|||||2|0|0||") << "NULL reads as empty text, or 0";
 
   EXPECT_TRUE(db_.DeletePluginData("it's"));
   EXPECT_TRUE(db_.DeletePluginData("never stored"));
@@ -130,10 +106,12 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
                          "Current remove sql is [delete from pluginTable where name='it''s']",
                          "Current remove sql is [delete from 'pluginTable']", "remove successfully"}));
   EXPECT_EQ(
-      Sql(Main(), "select sql from sqlite_master where type = 'table' order by name"),
-      "CREATE TABLE pluginTable(name TEXT PRIMARY KEY, version TEXT, path TEXT, pkgid\tTEXT, entryPoints "
-      "TEXT, pluginType INTEGER, hasForceMetaData INTEGER, isUpdate INTEGER, appWhiteList TEXT, "
-      "systemPath TEXT)\nCREATE TABLE versionTable(name TEXT PRIMARY KEY, version TEXT, size TEXT)\n");
+      Query(Main(), "select sql from sqlite_master where type = 'table' order by name"),
+      (Lines{
+          "CREATE TABLE pluginTable(name TEXT PRIMARY KEY, version TEXT, path TEXT, pkgid\tTEXT, entryPoints "
+          "TEXT, pluginType INTEGER, hasForceMetaData INTEGER, isUpdate INTEGER, appWhiteList TEXT, "
+          "systemPath TEXT)",
+          "CREATE TABLE versionTable(name TEXT PRIMARY KEY, version TEXT, size TEXT)"}));
 }
 
 // The function named in the prefix of the first line that logged `message`.
@@ -164,16 +142,23 @@ TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
       {"missing", [] { unlink(VERSION_DB); }, {"Database " + Main() + " is not exist"}},
       {"empty", [] { WriteFile(Main(), ""); }, {"database " + Main() + "'s size is 0"}},
       // Would block any open for reading until a writer came along, were it kept.
-      {"FIFO", [] { unlink(VERSION_DB); mkfifo(VERSION_DB, 0644); }, {"database " + Main() + "'s size is 0"}},
+      {"FIFO",
+       [] {
+         unlink(VERSION_DB);
+         mkfifo(VERSION_DB, 0644);
+       },
+       {"database " + Main() + "'s size is 0"}},
       {"garbage", [] { WriteFile(Main(), kGarbage); }, {notADatabase, Summary(0, 0, 0)}},
-      {"no versionTable", [] { Sql(Main(), "drop table versionTable"); }, {tablesChecked, Summary(1, 0, 1)}},
-      {"no pluginTable", [] { Sql(Main(), "drop table pluginTable"); }, {tablesChecked, Summary(1, 1, 0)}},
+      {"no versionTable",
+       [] { Query(Main(), "drop table versionTable"); },
+       {tablesChecked, Summary(1, 0, 1)}},
+      {"no pluginTable", [] { Query(Main(), "drop table pluginTable"); }, {tablesChecked, Summary(1, 1, 0)}},
       // Opens and lists both tables, but its integrity check finds pages that nothing uses.
       {"orphaned index pages",
        [] {
-         Sql(Main(),
-             "create table t(a); create index i on t(a); insert into t values(1),(2);"
-             "PRAGMA writable_schema=ON; delete from sqlite_master where name='i'");
+         Query(Main(),
+               "create table t(a); create index i on t(a); insert into t values(1),(2);"
+               "PRAGMA writable_schema=ON; delete from sqlite_master where name='i'");
        },
        {"database integrity_check failed with error 101!", Summary(0, 0, 0)}},
   };
@@ -200,7 +185,7 @@ TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
 
 TEST_F(VersionDbTest, FailuresAreLoggedAndReportedFalse) {
   StoreKept();
-  Sql(Main(), "insert into pluginTable(name) values('unsaved')");  // the main file runs ahead of its backup
+  Query(Main(), "insert into pluginTable(name) values('unsaved')");  // the main file runs ahead of its backup
   EXPECT_FALSE(db_.DeleteDBRecord("", true, "noSuchTable"));
   EXPECT_THAT(List(), ElementsAre("kept")) << "restored from the backup";
 
@@ -217,15 +202,14 @@ TEST_F(VersionDbTest, FailuresAreLoggedAndReportedFalse) {
 
   RemoveTree(Device().db);
   EXPECT_FALSE(db_.GetPluginList(map));
-  EXPECT_THAT(
-      LogMessages(),
-      IsSupersetOf(Lines{
-          "[delete from 'noSuchTable'] failed! ret = [1],error msg = [no such table: noSuchTable]\n", kBroken,
-          "delete from 'noSuchTable' failed:[1, no such table: noSuchTable]\n", "remove fail!!",
-          "database  " + Main() + " open failed! return [14]\n", "insert into pluginTable fail!!",
-          "database " + Main() + " open failed! return [10]\n", "get plugin list fail",
-          "Open .AppBinaryManager.db fail again. return 14\n",
-          "Create [" + Main() + "] failed! return [14]\n", "db valid check fail"}));
+  EXPECT_THAT(LogMessages(),
+              IsSupersetOf(Lines{
+                  "[delete from 'noSuchTable'] failed! ret = [1],error msg = [no such table: noSuchTable]\n",
+                  kBroken, "delete from 'noSuchTable' failed:[1, no such table: noSuchTable]\n",
+                  "remove fail!!", "database  " + Main() + " open failed! return [14]\n",
+                  "insert into pluginTable fail!!", "database " + Main() + " open failed! return [10]\n",
+                  "get plugin list fail", "Open .AppBinaryManager.db fail again. return 14\n",
+                  "Create [" + Main() + "] failed! return [14]\n", "db valid check fail"}));
 
   // Checking the backup, the open failure still names the main file.
   MakeDirs(Backup());
@@ -264,22 +248,23 @@ TEST_F(VersionDbTest, BackupCopyRefusesLinksAndTruncatesBeforeTheSizeTest) {
     EXPECT_TRUE(db_.m_versionCpBakUp(source.c_str(), fifo.c_str()));
   }
   EXPECT_EQ(ReadFile(fifo), std::string("a\0b", 3));
-  EXPECT_THAT(LogMessages(),
-              ElementsAre("Backup versionDB.\n", "The copy Size is [0], invalid!\n", "Backup versionDB.\n",
-                          "The copy Size is [3]\n", "Backup versionDB.\n",
-                          "source [(null)] or Dest [" + dest + "] path is NULL! .\n", "Backup versionDB.\n",
-                          "The copy Size is [-1], invalid!\n", "Backup versionDB.\n", "The copy Size is [3]\n"));
+  EXPECT_THAT(
+      LogMessages(),
+      ElementsAre("Backup versionDB.\n", "The copy Size is [0], invalid!\n", "Backup versionDB.\n",
+                  "The copy Size is [3]\n", "Backup versionDB.\n",
+                  "source [(null)] or Dest [" + dest + "] path is NULL! .\n", "Backup versionDB.\n",
+                  "The copy Size is [-1], invalid!\n", "Backup versionDB.\n", "The copy Size is [3]\n"));
 }
 
 TEST_F(VersionDbTest, AStatementRefusedInItsTransactionRunsAgainOnTheRestoredFile) {
   StoreKept();
   // The main file runs ahead of its backup by one record, and refuses inserts after touching a page:
   // the transaction has a journal when the statement fails.
-  Sql(Main(),
-      "insert into pluginTable(name) values('unsaved');"
-      "create trigger refuse before insert on pluginTable begin"
-      " delete from versionTable; insert into versionTable values('x', 'y', 'z');"
-      " select raise(abort, 'refused'); end");
+  Query(Main(),
+        "insert into pluginTable(name) values('unsaved');"
+        "create trigger refuse before insert on pluginTable begin"
+        " delete from versionTable; insert into versionTable values('x', 'y', 'z');"
+        " select raise(abort, 'refused'); end");
   _PluginData record = Record("new", "1");
   EXPECT_TRUE(db_.InsertPluginData(record));
   EXPECT_TRUE(LogHas(kBroken));
@@ -287,8 +272,8 @@ TEST_F(VersionDbTest, AStatementRefusedInItsTransactionRunsAgainOnTheRestoredFil
   // The failed transaction is rolled back before the backup is copied, so none of its pages, nor the
   // record the backup never had, come back over the restored file.
   EXPECT_THAT(List(), ElementsAre("kept", "new"));
-  EXPECT_EQ(Sql(Main(), "PRAGMA integrity_check"), "ok\n");
-  EXPECT_EQ(Sql(Main(), "select count(*) from sqlite_master where type = 'trigger'"), "0\n");
+  EXPECT_EQ(Query(Main(), "PRAGMA integrity_check"), Lines{"ok"});
+  EXPECT_EQ(Query(Main(), "select count(*) from sqlite_master where type = 'trigger'"), Lines{"0"});
   EXPECT_EQ(ReadFile(Backup()), ReadFile(Main()));
 }
 
@@ -335,29 +320,46 @@ TEST_F(VersionDbTest, ReadRecoversFromDamageAfterItsCheckOrFailsCleanly) {
   EXPECT_TRUE(map.empty());
 }
 
-// db_lock_holder, holding the main database from construction until destruction, or for `milliseconds`.
-struct LockHolder {
-  explicit LockHolder(int milliseconds = 0) {
-    const std::string hold = std::to_string(milliseconds);
-    int out[2];
-    if (pipe(out) != 0) return;
-    if ((pid = fork()) == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      execl(WUP_TEST_TOOLS_DIR "/db_lock_holder", "db_lock_holder", VERSION_DB,
-            milliseconds > 0 ? hold.c_str() : nullptr, nullptr);
-      _exit(127);
+// Another connection that holds the main database under SQLite's exclusive lock, as a second user of the
+// version database would: from when a connection of the product first steps `whenStepped` (at once when
+// empty) until it is destroyed, or for `milliseconds` (released by a thread of its own).
+class LockHolder {
+ public:
+  explicit LockHolder(const std::string& whenStepped = "", int milliseconds = 0)
+      : sql_(whenStepped), milliseconds_(milliseconds) {
+    if (sql_.empty()) {
+      Take();
+    } else {
+      g_onOpen = [this](sqlite3* db) { return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, Trace, this); };
     }
-    close(out[1]);
-    char answer[16] = "";
-    locked = read(out[0], answer, sizeof answer - 1) > 0 && std::string(answer) == "locked\n";
-    close(out[0]);
   }
-  ~LockHolder() {
-    kill(pid, SIGTERM);
-    waitpid(pid, nullptr, 0);
-  }
+  ~LockHolder() { release_.joinable() ? release_.join() : Close(); }
   bool locked = false;
-  pid_t pid = -1;
+
+ private:
+  static int Trace(unsigned, void* self, void* stmt, void*) {
+    auto& holder = *static_cast<LockHolder*>(self);
+    if (!holder.taken_ && holder.sql_ == sqlite3_sql(static_cast<sqlite3_stmt*>(stmt))) holder.Take();
+    return 0;
+  }
+  void Take() {
+    taken_ = true;  // its own statements are traced as well
+    sqlite3_open_v2(VERSION_DB, &db_, SQLITE_OPEN_READWRITE, nullptr);
+    locked = sqlite3_exec(db_, "BEGIN EXCLUSIVE", nullptr, nullptr, nullptr) == SQLITE_OK;
+    if (milliseconds_ > 0) {
+      release_ = std::thread([this] {
+        usleep(milliseconds_ * 1000);
+        Close();
+      });
+    }
+  }
+  void Close() { sqlite3_close(db_); }  // rolls the empty transaction back
+
+  const std::string sql_;
+  const int milliseconds_;
+  bool taken_ = false;
+  sqlite3* db_ = nullptr;
+  std::thread release_;
 };
 
 // One blocked call: the busy handler waits five times and gives up; then what its caller logs.
@@ -369,7 +371,7 @@ void AddRound(Lines& lines, const Lines& then) {
   lines.insert(lines.end(), then.begin(), then.end());
 }
 
-TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherProcessHoldsTheDatabase) {
+TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherConnectionHoldsTheDatabase) {
   StoreKept();
   _PluginData record = Record("blocked", "1");
   {
@@ -399,33 +401,14 @@ TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherProcessHoldsTheDatabase) {
   EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other process is gone";
 }
 
-// Has the other process take the lock when `sql` is first stepped, after it was prepared, and hold it
-// for `milliseconds` (0: until the holder is destroyed).
-struct LockOnStep {
-  std::string sql;
-  int milliseconds = 0;
-  std::unique_ptr<LockHolder> holder;
-  static int Trace(unsigned, void* self, void* stmt, void*) {
-    auto& lock = *static_cast<LockOnStep*>(self);
-    if (!lock.holder && lock.sql == sqlite3_sql(static_cast<sqlite3_stmt*>(stmt))) {
-      lock.holder = std::make_unique<LockHolder>(lock.milliseconds);
-    }
-    return 0;
-  }
-  void TraceEveryConnection() {
-    g_onOpen = [this](sqlite3* db) { return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, Trace, this); };
-  }
-};
-
-TEST_F(VersionDbTest, AWriteWaitsOutAShortLockOfAnotherProcess) {
+TEST_F(VersionDbTest, AWriteWaitsOutAShortLockOfAnotherConnection) {
   StoreKept();
   // Held for 100 ms, well within the busy handler's five waits of 50 ms.
-  LockOnStep lock{"BEGIN EXCLUSIVE", 100, nullptr};
-  lock.TraceEveryConnection();
+  const LockHolder holder("BEGIN EXCLUSIVE", 100);
   _PluginData record = Record("patient", "1");
   EXPECT_TRUE(db_.InsertPluginData(record));
   g_onOpen = nullptr;
-  ASSERT_TRUE(lock.holder && lock.holder->locked);
+  ASSERT_TRUE(holder.locked);
   EXPECT_TRUE(LogHas("database is lock now,can not write/read.count is [0]\n"));
   EXPECT_FALSE(LogHas(kBroken));
   EXPECT_THAT(List(), ElementsAre("kept", "patient"));
@@ -437,12 +420,11 @@ TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenF
                                                {"select name from sqlite_master where type = 'table';", 1}};
   for (const auto& [sql, integrity] : loops) {
     SCOPED_TRACE(sql);
-    LockOnStep lock{sql, 0, nullptr};
-    lock.TraceEveryConnection();
+    const LockHolder holder(sql);
     ClearLog();
     EXPECT_FALSE(db_.m_validCheck(VERSION_DB));
     g_onOpen = nullptr;
-    ASSERT_TRUE(lock.holder && lock.holder->locked);
+    ASSERT_TRUE(holder.locked);
 
     Lines expected = {"set DB busy"};
     for (int count = 0; count < 3; ++count) {
