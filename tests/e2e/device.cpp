@@ -32,12 +32,9 @@ Plugin::Plugin(void* library)
 }
 
 int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const MetadataList& items) {
-  struct ListFree {
-    void operator()(GList* list) const { g_list_free(list); }
-  };
   std::vector<__metadata_t> storage;
   storage.reserve(items.size());
-  std::unique_ptr<GList, ListFree> list;  // freed also when an exception leaves the plug-in
+  std::unique_ptr<GList, decltype(&g_list_free)> list(nullptr, g_list_free);  // freed also on an exception
   for (const auto& [key, value] : items) {
     void* data = nullptr;
     if (key != nullptr || value != nullptr) data = &storage.emplace_back(__metadata_t{key, value});
@@ -47,9 +44,8 @@ int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const M
 }
 
 Device::Device() : layout_(wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-e2e"))) {
-  layout_.Create();
-  // The application manager's own directory exists on every device; the plug-in creates only the
-  // result directory inside it.
+  layout_.Reset();
+  // The application manager's directory exists on every device; the plug-in creates only its result one.
   wup_test::MakeDirs(layout_.rwApp + "/appbinarymanager");
 }
 

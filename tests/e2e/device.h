@@ -1,6 +1,5 @@
-// End-to-end harness: a sandbox device with plug-in packages on it, and the package manager's calls into
-// the real plug-in library, each run in a fresh process as on the TV (the plug-in builds its constants
-// when loaded and keeps its instances for the life of the process).
+// End-to-end harness: a sandbox device with plug-in packages on it, and the package manager's calls into the
+// real plug-in library in a fresh process, as on the TV (constants built at load, instances kept for life).
 #ifndef WUP_TESTS_E2E_DEVICE_H_
 #define WUP_TESTS_E2E_DEVICE_H_
 
@@ -72,9 +71,8 @@ class Device {
 
   // Places a package as the package manager would before calling the plug-in.
   void Place(const Package& package);
-  // Runs `body` with the plug-in loaded in a fresh process; `environment` entries "NAME=VALUE" are set
-  // in that process only. The process's exit status: 0 when it ran through, kExceptionLeft when an
-  // exception left the plug-in, 128 + signal when it was killed.
+  // Runs `body` with the plug-in loaded in a fresh process with `environment` set (as SetEnvironment); its
+  // exit status: 0 when it ran through, kExceptionLeft when an exception left the plug-in, 128 + signal.
   static constexpr int kExceptionLeft = 4;
   int Run(const std::function<void(Plugin&)>& body, const Lines& environment = {});
   // Places the package and installs it the way the package manager does: its metadata list, one call.

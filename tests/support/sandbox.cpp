@@ -28,10 +28,6 @@ SandboxLayout SandboxLayout::At(const std::string& root) {
   return layout;
 }
 
-void SandboxLayout::Create() const {
-  for (const std::string* dir : {&db, &rwApp, &roApp, &rwPackages, &roPackages, &vex}) MakeDirs(*dir);
-}
-
 void SandboxLayout::Export() const {
   setenv("TZ_SYS_DB", db.c_str(), 1);
   setenv("TZ_SYS_RW_APP", rwApp.c_str(), 1);
@@ -44,7 +40,7 @@ void SandboxLayout::Export() const {
 
 void SandboxLayout::Reset() const {
   RemoveTree(root);
-  Create();
+  for (const std::string* dir : {&db, &rwApp, &roApp, &rwPackages, &roPackages, &vex}) MakeDirs(*dir);
 }
 
 const SandboxLayout& Device() {
@@ -133,12 +129,7 @@ void WriteManifest(const std::string& dir, const std::string& package, const std
   WriteFile(dir + "/" + package + ".xml", xml + "</manifest>\n");
 }
 
-Watchdog::Watchdog(unsigned seconds) { alarm(seconds); }
-
-Watchdog::~Watchdog() { alarm(0); }
-
-int CountOpenFds() {
-  // Less the descriptor of the listing itself.
+int CountOpenFds() {  // less the descriptor of the listing itself
   return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator())) -
          1;
 }

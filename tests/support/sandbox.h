@@ -3,6 +3,8 @@
 #ifndef WUP_TESTS_SUPPORT_SANDBOX_H_
 #define WUP_TESTS_SUPPORT_SANDBOX_H_
 
+#include <unistd.h>
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,18 +24,15 @@ struct SandboxLayout {
   std::string log;         // HOST_DLOG_FILE
 
   static SandboxLayout At(const std::string& root);
-  // Creates every directory of the layout (the log file is not created).
-  void Create() const;
   // Points the stand-ins of this process (and of the processes it starts) at the sandbox.
   void Export() const;
-  // Removes everything inside the sandbox and lays the directories out again.
+  // Removes everything inside the sandbox and lays out every directory again (not the log file).
   void Reset() const;
 };
 
 // The sandbox of a unit-test process (set up by the test main before the program runs).
 const SandboxLayout& Device();
 
-// A fresh, empty directory under the system's temporary directory.
 std::string MakeTempDir(const std::string& stem);
 
 std::string ReadFile(const std::string& path);
@@ -49,9 +48,8 @@ bool Has(const Lines& lines, const std::string& line);
 // row, its columns joined with "|", NULL as empty; nothing when the file cannot be opened.
 Lines Query(const std::string& path, const char* sql);
 
-// What follows the "file: function(line) > " prefix of a log line.
+// A log line without its "file: function(line) > " prefix; the messages of the host log stand-in's file.
 std::string LogMessage(const std::string& line);
-// The messages of the log file that the host log stand-in writes, in order, without their prefixes.
 Lines ReadLog(const std::string& path);
 
 using Metadata = std::vector<std::pair<std::string, std::string>>;
@@ -61,11 +59,10 @@ using Metadata = std::vector<std::pair<std::string, std::string>>;
 void WriteManifest(const std::string& dir, const std::string& package, const std::string& version,
                    const Lines& appids, const Metadata& metadata = {});
 
-// Turns a hang into a failure: the process is killed by SIGALRM unless the watchdog goes out of scope
-// within `seconds`.
+// Turns a hang into a failure: SIGALRM kills the process unless the watchdog is gone within `seconds`.
 struct Watchdog {
-  explicit Watchdog(unsigned seconds = 60);
-  ~Watchdog();
+  explicit Watchdog(unsigned seconds = 60) { alarm(seconds); }
+  ~Watchdog() { alarm(0); }
 };
 
 // Number of descriptors this process has open (entries of /proc/self/fd).
@@ -77,10 +74,9 @@ struct CommandResult {
   std::string output;   // what it wrote to standard output
 };
 
-// Sets the entries "NAME=VALUE" in this process's environment; "NAME" alone unsets.
+// Sets the entries "NAME=VALUE" in this process's environment ("NAME" alone unsets); runs a program to its
+// end with such entries set for it.
 void SetEnvironment(const Lines& entries);
-
-// Runs a program to its end. `environment` entries "NAME=VALUE" are set for it, "NAME" alone unsets.
 CommandResult RunCommand(const Lines& argv, const Lines& environment = {});
 
 }  // namespace wup_test

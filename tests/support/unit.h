@@ -1,6 +1,5 @@
-// What every unit-test program shares: GoogleTest, the sandbox device it runs in (laid out by its main
-// before the program starts, since the product's constants are built at load time) and the log. The
-// programs define the platform log call themselves and keep every line the product logs, exactly.
+// What every unit-test program shares: GoogleTest, the sandbox device it runs in (laid out before the
+// program starts: the product's constants are built at load time) and the log, captured exactly.
 #ifndef WUP_TESTS_SUPPORT_UNIT_H_
 #define WUP_TESTS_SUPPORT_UNIT_H_
 
@@ -12,19 +11,13 @@
 
 namespace wup_test {
 
-struct LogEntry {
-  int logId;
-  int priority;
-  std::string tag;
-  std::string text;  // the whole formatted line, prefix included
-};
-
+// Every line logged since the last ClearLog, as "<log id> <priority> <tag> " and the formatted text.
+const Lines& LogLines();
 void ClearLog();
-const std::vector<LogEntry>& LogEntries();
 
 inline Lines LogMessages() {
   Lines messages;
-  for (const LogEntry& entry : LogEntries()) messages.push_back(LogMessage(entry.text));
+  for (const std::string& line : LogLines()) messages.push_back(LogMessage(line));
   return messages;
 }
 inline bool LogHas(const std::string& message) { return Has(LogMessages(), message); }

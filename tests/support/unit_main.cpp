@@ -10,14 +10,13 @@
 
 #include "unit.h"
 
-static std::vector<wup_test::LogEntry> g_log;
+static wup_test::Lines g_log;
 
 void wup_test::ClearLog() { g_log.clear(); }
 
-const std::vector<wup_test::LogEntry>& wup_test::LogEntries() { return g_log; }
+const wup_test::Lines& wup_test::LogLines() { return g_log; }
 
-// Takes the place of the platform log for the product code linked into this program (hence its
-// ENABLE_EXPORTS). TEST_LOG_ECHO=1 also prints each line, for reading a failing test.
+// The platform log of the product code in this program (hence ENABLE_EXPORTS); TEST_LOG_ECHO=1 prints too.
 extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const char* fmt, ...) {
   va_list args;
   va_start(args, fmt);
@@ -25,7 +24,7 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
   const int length = vasprintf(&text, fmt, args);
   va_end(args);
   if (length < 0) return -1;
-  g_log.push_back({static_cast<int>(log_id), prio, tag ? tag : "", text});
+  g_log.push_back(std::to_string(log_id) + " " + std::to_string(prio) + " " + (tag ? tag : "") + " " + text);
   if (std::getenv("TEST_LOG_ECHO") != nullptr) std::fprintf(stderr, "[log] %s\n", text);
   std::free(text);
   return length;
@@ -38,7 +37,7 @@ int main(int argc, char** argv) {
   }
   const std::string root = wup_test::MakeTempDir("wup-unit");
   const wup_test::SandboxLayout layout = wup_test::SandboxLayout::At(root);
-  layout.Create();
+  layout.Reset();
   layout.Export();
   unsetenv("HOST_DLOG_FILE");
   setenv("WUP_TEST_SANDBOX", root.c_str(), 1);

@@ -1,7 +1,6 @@
-// PluginDataUtil on the sandbox device: the metadata queries with their exact log, reading extension
-// description files, and the records that MakeInsertedMap builds for one package (install location and
-// paths of pepper, b2b pepper and xwalk plug-ins, and failures that leave the map as it was). Every
-// package-information record is released exactly once on every path.
+// PluginDataUtil on the sandbox device: the metadata queries with their exact log, extension description
+// files, and the records MakeInsertedMap builds for one package (install location and paths, failures that
+// leave the map as it was). Every package-information record is released exactly once on every path.
 #include <json/json.h>
 #include <pkgmgr-info-host.h>
 #include <unistd.h>
@@ -43,8 +42,7 @@ class PluginDataTest : public ::testing::Test {
     EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 0) << "a record was released twice, or one never obtained";
   }
 
-  // Lays the package out as the package manager would for that install location and returns its root
-  // path; an updated preloaded package keeps its read-only copy. The log and the counts start afresh.
+  // Lays the package out at that install location (an updated preloaded one keeps its read-only copy).
   static std::string Place(const Metadata& metadata, const std::string& id = kPepper,
                            int location = INSTALLED_ONLY_RW) {
     Device().Reset();
@@ -77,17 +75,14 @@ class PluginDataTest : public ::testing::Test {
 
 // Type, allow-list and force flag are taken from the metadata value as it is: no trimming, no case folding.
 TEST_F(PluginDataTest, MetadataValuesAreTakenExactly) {
-  const std::pair<std::string, PLUGIN_TYPE> cases[] = {{"pepperplugin", PEPPER_PLUGIN},
-                                                       {"xwalkplugin", XWALK_PLUGIN},
-                                                       {"b2bpepperplugin", B2B_PEPPER_PLUGIN},
-                                                       {"xwalkplugin ", UNKNOWN_PLUGIN},
-                                                       {"Pepperplugin", UNKNOWN_PLUGIN},
-                                                       {"", UNKNOWN_PLUGIN},
-                                                       {"true", UNKNOWN_PLUGIN},
-                                                       {" true", UNKNOWN_PLUGIN},
-                                                       {"True", UNKNOWN_PLUGIN},
-                                                       {" com.korvane.tv.browser, x ,y", UNKNOWN_PLUGIN}};
-  for (const auto& [value, type] : cases) {
+  // The three kinds, then values of none.
+  const std::string values[] = {
+      "pepperplugin", "xwalkplugin", "b2bpepperplugin", "xwalkplugin ", "Pepperplugin", "", "true",
+      " true",        "True",        " app.one, x ,y"};
+  const PLUGIN_TYPE kinds[] = {PEPPER_PLUGIN, XWALK_PLUGIN, B2B_PEPPER_PLUGIN};
+  for (size_t i = 0; i < std::size(values); ++i) {
+    const std::string& value = values[i];
+    const PLUGIN_TYPE type = i < std::size(kinds) ? kinds[i] : UNKNOWN_PLUGIN;
     SCOPED_TRACE("[" + value + "]");
     Place({{kTypeKey, value}, {kListKey, value}, {kForceKey, value}});
     std::string list;
@@ -148,8 +143,7 @@ TEST_F(PluginDataTest, VersionOfThePackageAndItsFailures) {
                    "get " + kTag + " version fail!!"}));
 }
 
-// Each application query with each of its platform calls failing: the answer, the log line or the
-// required silence, and the release of every application record that was obtained.
+// Each application query with each of its platform calls failing: the answer, the log line or silence.
 TEST_F(PluginDataTest, FailingPlatformCallsAreReportedOrSilentAsRequired) {
   const std::string root = Place({{kTypeKey, "xwalkplugin"}, {kListKey, "a"}});
   const struct {
@@ -181,18 +175,11 @@ TEST_F(PluginDataTest, FailingPlatformCallsAreReportedOrSilentAsRequired) {
   }
 }
 
-TEST_F(PluginDataTest, ReadsOnlyNamesEndingInDotJson) {
+TEST_F(PluginDataTest, RecordCarriesTheDescriptionAndDefaultsForWhatIsMissing) {
+  // Only files whose names end in ".json" (and are longer than that) are read.
   for (const char* name : {"a.json", "b.JSON", ".json", "x.json.bak", ".hidden.json", "json"}) {
     Write(name, std::string(R"([{"name": ")") + name + "\"}]");
   }
-  ASSERT_TRUE(util_.GetXwalkInfo(dir_, map_));
-  EXPECT_EQ(map_.size(), 2u);
-  EXPECT_EQ(map_.count("a.json") + map_.count(".hidden.json"), 2u);
-  EXPECT_THAT(LogMessages(), IsSupersetOf(Lines{"GetXwalkInfo,path = " + dir_, "strFile = " + dir_ + "a.json",
-                                                "m_ParseXwalkJsonFile, path = " + dir_ + "a.json"}));
-}
-
-TEST_F(PluginDataTest, RecordCarriesTheDescriptionAndDefaultsForWhatIsMissing) {
   Write("ext.json", R"([
     {"name": "tv.channel", "lib": "/usr/lib/ext/libchannel.so", "version": "2.1.0",
      "entry_points": ["tizen.tvchannel", "tizen.tvwindow"], "unknown": 1},
@@ -203,7 +190,10 @@ TEST_F(PluginDataTest, RecordCarriesTheDescriptionAndDefaultsForWhatIsMissing) {
   ])");
   map_["kept"].version = "caller";
   ASSERT_TRUE(util_.GetXwalkInfo(dir_, map_));
-  ASSERT_EQ(map_.size(), 6u);
+  ASSERT_EQ(map_.size(), 8u);
+  EXPECT_EQ(map_.count("a.json") + map_.count(".hidden.json"), 2u);
+  EXPECT_THAT(LogMessages(), IsSupersetOf(Lines{"GetXwalkInfo,path = " + dir_, "strFile = " + dir_ + "a.json",
+                                                "m_ParseXwalkJsonFile, path = " + dir_ + "a.json"}));
 
   EXPECT_EQ(Text(map_["tv.channel"]),
             "tv.channel|2.1.0|/usr/lib/ext/libchannel.so|com.korvane.tv.xwalk.tv.channel|"
@@ -248,29 +238,28 @@ TEST_F(PluginDataTest, BadDescriptionFilesAreLoggedAndSkippedWhileTheOthersAreRe
   EXPECT_EQ(map_["plain"].entryPoints + map_["none"].entryPoints, "");
   Lines expected = {"file:[" + dir_ + "broken.json],err:[" + error + "]",
                     "file:[" + dir_ + "deep.json],err:[Exceeded stackLimit in readValue().]",
-                    "open " + dir_ + "fifo.json fail", "open " + dir_ + "zero.json fail",
-                    "file:[" + dir_ + "object.json] holds no array of extensions, skipped"};
+                    "open " + dir_ + "fifo.json fail",
+                    "open " + dir_ + "zero.json fail",
+                    "file:[" + dir_ + "object.json] holds no array of extensions, skipped",
+                    "strPath is empty!",
+                    "open " + dir_ + "none.json fail",
+                    "path is empty!",
+                    "open [" + dir_ + "missing/] fail!"};
   for (int element = 0; element < 6; ++element) {
     expected.push_back("file:[" + dir_ + "mixed.json] element " + std::to_string(element) +
                        " is not an extension description, skipped");
   }
-  EXPECT_THAT(LogMessages(), IsSupersetOf(expected));
+  // One file or directory alone; what cannot be read leaves the map as it was.
   PluginDataMap single;
   EXPECT_FALSE(util_.m_ParseXwalkJsonFile(dir_ + "broken.json", single));
+  EXPECT_FALSE(util_.m_ParseXwalkJsonFile("", single));
+  EXPECT_FALSE(util_.m_ParseXwalkJsonFile(dir_ + "none.json", single));
+  EXPECT_FALSE(util_.GetXwalkInfo("", single));
+  EXPECT_FALSE(util_.GetXwalkInfo(dir_ + "missing/", single));
   EXPECT_TRUE(util_.m_ParseXwalkJsonFile(dir_ + "null.json", single));
   EXPECT_TRUE(util_.m_ParseXwalkJsonFile(dir_ + "empty.json", single));
   EXPECT_TRUE(single.empty());
-}
-
-TEST_F(PluginDataTest, UnreadableDirectoryOrFileFailsAndLeavesTheMapAlone) {
-  map_["existing"].version = "1";
-  EXPECT_FALSE(util_.GetXwalkInfo("", map_));
-  EXPECT_FALSE(util_.GetXwalkInfo(dir_ + "missing/", map_));
-  EXPECT_FALSE(util_.m_ParseXwalkJsonFile("", map_));
-  EXPECT_FALSE(util_.m_ParseXwalkJsonFile(dir_ + "none.json", map_));
-  EXPECT_THAT(LogMessages(), IsSupersetOf(Lines{"path is empty!", "open [" + dir_ + "missing/] fail!",
-                                                "strPath is empty!", "open " + dir_ + "none.json fail"}));
-  EXPECT_EQ(map_.size(), 1u);
+  EXPECT_THAT(LogMessages(), IsSupersetOf(expected));
 }
 
 // For each install location: one record of a pepper package (of either pepper kind), and of an xwalk

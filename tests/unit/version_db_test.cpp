@@ -20,7 +20,6 @@ using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
 using ::testing::IsSupersetOf;
 
-// The product's paths are built while the program loads; they are read only once tests run.
 std::string Main() { return VERSION_DB; }
 std::string Backup() { return VERSION_DB_BAKUP; }
 const std::string kGarbage(4096, 'x');
@@ -116,10 +115,10 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
 
 // The function named in the prefix of the first line that logged `message`.
 std::string LoggedBy(const std::string& message) {
-  for (const LogEntry& entry : LogEntries()) {
-    if (LogMessage(entry.text) != message) continue;
-    const size_t start = entry.text.find(": ") + 2;
-    return entry.text.substr(start, entry.text.find('(', start) - start);
+  for (const std::string& line : LogLines()) {
+    if (LogMessage(line) != message) continue;
+    const size_t start = line.find(": ") + 2;
+    return line.substr(start, line.find('(', start) - start);
   }
   return "(not logged)";
 }
@@ -131,8 +130,6 @@ std::string Summary(int integrity, int version, int plugin) {
 
 TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
   // Ways for the main file to go bad, each with what its check reports.
-  const std::string notADatabase =
-      "valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [26]";
   const std::string tablesChecked = Main() + " DB : table check end";
   const struct {
     const char* name;
@@ -148,7 +145,9 @@ TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
          mkfifo(VERSION_DB, 0644);
        },
        {"database " + Main() + "'s size is 0"}},
-      {"garbage", [] { WriteFile(Main(), kGarbage); }, {notADatabase, Summary(0, 0, 0)}},
+      {"garbage",
+       [] { WriteFile(Main(), kGarbage); },
+       {"valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [26]", Summary(0, 0, 0)}},
       {"no versionTable",
        [] { Query(Main(), "drop table versionTable"); },
        {tablesChecked, Summary(1, 0, 1)}},
@@ -238,8 +237,7 @@ TEST_F(VersionDbTest, BackupCopyRefusesLinksAndTruncatesBeforeTheSizeTest) {
   EXPECT_TRUE(db_.m_versionCpBakUp(source.c_str(), dest.c_str()));
   EXPECT_EQ(ReadFile(dest), std::string("a\0b", 3));
   EXPECT_FALSE(db_.m_versionCpBakUp(nullptr, dest.c_str()));
-  // FIFOs at either end never block: one as the source has no size, one as the destination is replaced
-  // by the copy.
+  // FIFOs never block: one as the source has no size, one as the destination is replaced by the copy.
   const std::string fifo = Device().root + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
   {
@@ -398,7 +396,7 @@ TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherConnectionHoldsTheDatabase) 
   }
   EXPECT_THAT(log, ElementsAreArray(expected));
   record.name = "after";
-  EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other process is gone";
+  EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other connection is gone";
 }
 
 TEST_F(VersionDbTest, AWriteWaitsOutAShortLockOfAnotherConnection) {

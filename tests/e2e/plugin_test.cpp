@@ -1,10 +1,66 @@
-// Installing and upgrading plug-in packages through the package manager's entry points.
+// The plug-in as the package manager uses it: which metadata lists select a package, installing, upgrading
+// and uninstalling, and what the user sees of it (rows, the result file, terminations, the log).
 #include <gtest/gtest.h>
+
+#include <algorithm>
 
 #include "device.h"
 
 namespace wup_e2e {
 namespace {
+
+std::string Call(const std::string& pkgid, const std::string& appid, int items) {
+  return "pkgid(" + pkgid + ") appid(" + appid + ") list(" + std::to_string(items) + ")";
+}
+
+TEST(EntryPoints, EmptyListIsRefusedBeforeAnythingIsCreated) {
+  Device device;
+  const Package package = Pepper("empty");
+  device.Place(package);
+  ASSERT_EQ(0, device.Run([&package](Plugin& plugin) {
+    EXPECT_EQ(0, plugin.Install(package.pkgid.c_str(), "the.app", {}));
+    EXPECT_EQ(0, plugin.Uninstall(package.pkgid.c_str(), "the.app", {}));
+  }));
+  const std::string call = Call(package.pkgid, "the.app", 0), refused = "[ERROR] No Engine Metadata";
+  EXPECT_EQ((Lines{"METADATA INSTALL", call, refused, "METADATA UNINSTALL", call, refused}), device.Log());
+  EXPECT_FALSE(wup_test::PathExists(device.DatabasePath()));
+}
+
+// Only the whole type key, compared exactly, selects the package; the walk passes over nodes without an
+// item or a key and stops at the first match.
+TEST(EntryPoints, TheFirstItemWithExactlyTheTypeKeySelectsThePackage) {
+  Device device;
+  const Package package = Pepper("walk");
+  device.Place(package);
+  const std::string id = package.pkgid, prefix = kTypeKey.substr(0, kTypeKey.size() - 1);
+  const Lines nearMisses = {kTypeKey + "x", prefix, prefix + "E"};
+  MetadataList items = {{nullptr, nullptr}, {nullptr, "no key"}};
+  Lines opening = {"METADATA INSTALL", Call(id, id, 8)};
+  for (const std::string& key : nearMisses) {
+    items.emplace_back(key.c_str(), "pepperplugin");
+    opening.push_back("key(" + key + ") - value(pepperplugin)");
+  }
+  items.insert(items.end(),
+               {{kTypeKey.c_str(), ""}, {kTypeKey.c_str(), "pepperplugin"}, {"after.match", "y"}});
+  opening.insert(opening.end(),
+                 {"key(" + kTypeKey + ") - value()", "create instance", "PluginHandler::PluginHandler()"});
+  ASSERT_EQ(0,
+            device.Run([&](Plugin& plugin) { EXPECT_EQ(0, plugin.Install(id.c_str(), id.c_str(), items)); }));
+  const Lines log = device.Log();
+  ASSERT_GE(log.size(), opening.size());
+  EXPECT_EQ(opening, Lines(log.begin(), log.begin() + opening.size()));
+  EXPECT_EQ(1, std::count(log.begin(), log.end(), "create instance"));
+  EXPECT_FALSE(Has(log, "key(after.match) - value(y)"));
+  EXPECT_EQ(1u, device.Rows().size());
+  EXPECT_EQ("finish", log.back());
+}
+
+TEST(EntryPoints, NullPackageIdLeavesThePluginAsAnException) {
+  Device device;
+  EXPECT_EQ(Device::kExceptionLeft, device.Run([](Plugin& plugin) {
+    plugin.Install(nullptr, "the.app", {{kTypeKey.c_str(), "pepperplugin"}});
+  }));
+}
 
 TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
   Device device;
@@ -64,7 +120,7 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
 
   const Lines log = device.Log();
   ASSERT_GE(log.size(), 7u);
-  EXPECT_EQ((Lines{"METADATA INSTALL", "pkgid(" + package.pkgid + ") appid(" + package.pkgid + ") list(3)",
+  EXPECT_EQ((Lines{"METADATA INSTALL", Call(package.pkgid, package.pkgid, 3),
                    "key(" + kTypeKey + ") - value(pepperplugin)", "create instance",
                    "PluginHandler::PluginHandler()", "GetPluginListFromDB", "GetPluginListFromDB"}),
             Lines(log.begin(), log.begin() + 7));
@@ -74,8 +130,6 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
                            package.pkgid +
                            "]entrypoints[]pluginType[1]hasForceMetadata[0]isupdate[1]appWhiteList[App.One, "
                            "App.Two]systempath=[]"));
-  EXPECT_TRUE(Has(log, "App.Two is at foreground"));
-  EXPECT_TRUE(Has(log, "vex_terminate_app [App.One] success"));
   EXPECT_EQ("finish", log.back());
 }
 
@@ -100,9 +154,8 @@ TEST(Install, XwalkPackageStoresEveryExtensionInItsOwnResourceDirectoryWhileItCa
   // One termination per record that lists the application.
   EXPECT_EQ(Lines(3, "Viewer.App"), device.Terminated());
 
-  // The same version again (the package's plug-in name is one of its extensions) with the resource
-  // directory gone: the records cannot be built, so the check fails, and not even a missing result file
-  // is rebuilt.
+  // The same version again (the plug-in name is one of its extensions), its resource directory gone: the
+  // records cannot be built, so the check fails, and not even a missing result file is rebuilt.
   wup_test::RemoveTree(res);
   wup_test::RemoveTree(device.ResultPath());
   device.ClearLog();
@@ -194,17 +247,56 @@ TEST(Install, UnwritableResultFileEmptiesTheDatabaseForTheNextStart) {
   }));
 
   const Lines log = device.Log();
+  EXPECT_TRUE(Has(log, "[" + staging + "] is not a symbol link"));
   EXPECT_TRUE(Has(log, "open [" + staging + "] fail!"));
   EXPECT_TRUE(Has(log, "update fail!clear DB for next boot"));
   EXPECT_TRUE(Has(log, "Current remove sql is [delete from 'pluginTable']"));
   EXPECT_TRUE(device.Rows().empty());
-  EXPECT_EQ(wup_test::ReadFile(device.DatabasePath()), wup_test::ReadFile(device.BackupPath()));
   EXPECT_EQ("null", device.ResultFile()) << "the pending rewrite publishes the emptied database";
 
   // At the next start every package is stored again.
   ASSERT_EQ(0, device.Install(first));
   ASSERT_EQ(0, device.Install(second));
   EXPECT_EQ(2u, device.Rows().size());
+}
+
+TEST(Uninstall, ThePluginNamedByTheIdIsRemovedAndTheResultRebuiltUnlessTheIdNamesNone) {
+  Device device;
+  const Package kept = Pepper("kept"), removed = Pepper("removed");
+  ASSERT_EQ(0, device.Install(kept));
+  const Lines keptRow = device.Rows();
+  ASSERT_EQ(0, device.Install(removed));
+  ASSERT_EQ(2u, device.Rows().size());
+  auto uninstall = [&device](const Package& package) {
+    wup_test::WriteFile(device.ResultPath(), "stale");
+    device.ClearLog();
+    ASSERT_EQ(0, device.Run([&package](Plugin& plugin) {
+      EXPECT_EQ(0, plugin.Uninstall(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package)));
+    }));
+  };
+
+  uninstall(removed);
+  Lines log = device.Log();
+  EXPECT_EQ(
+      (Lines{"METADATA UNINSTALL", Call(removed.pkgid, removed.pkgid, 1), "PluginHandler::PluginHandler()"}),
+      Lines(log.begin(), log.begin() + 3));
+  EXPECT_TRUE(Has(log, "Current remove sql is [delete from 'pluginTable' where name='removed']"));
+  EXPECT_EQ("finish", log.back());
+  EXPECT_EQ(keptRow, device.Rows());
+  EXPECT_EQ(std::string::npos, device.ResultFile().find("\"removed\""));
+  EXPECT_NE(std::string::npos, device.ResultFile().find("\"kept\""));
+
+  // A plug-in that was never stored: nothing removed, the result rebuilt all the same.
+  uninstall(Pepper("neverstored"));
+  EXPECT_EQ(keptRow, device.Rows());
+  EXPECT_NE("stale", device.ResultFile());
+
+  uninstall(Pepper(""));
+  log = device.Log();
+  EXPECT_TRUE(Has(log, "get plugin name fail"));
+  EXPECT_TRUE(Has(log, "get tpk name fail"));
+  EXPECT_EQ("stale", device.ResultFile());
+  EXPECT_EQ(keptRow, device.Rows());
 }
 
 }  // namespace
