@@ -49,8 +49,7 @@ const SandboxLayout& Device() {
 }
 
 std::string MakeTempDir(const std::string& stem) {
-  const char* tmp = std::getenv("TMPDIR");
-  std::string pattern = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/" + stem + "-XXXXXX";
+  std::string pattern = (fs::temp_directory_path() / (stem + "-XXXXXX")).string();
   if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
   return pattern;
 }

@@ -35,12 +35,11 @@ int main(int argc, char** argv) {
     ::testing::InitGoogleMock(&argc, argv);
     return RUN_ALL_TESTS();
   }
-  const std::string root = wup_test::MakeTempDir("wup-unit");
-  const wup_test::SandboxLayout layout = wup_test::SandboxLayout::At(root);
+  const auto layout = wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-unit"));
   layout.Reset();
   layout.Export();
   unsetenv("HOST_DLOG_FILE");
-  setenv("WUP_TEST_SANDBOX", root.c_str(), 1);
+  setenv("WUP_TEST_SANDBOX", layout.root.c_str(), 1);
   const pid_t child = fork();
   if (child == 0) {
     execv("/proc/self/exe", argv);
@@ -48,7 +47,7 @@ int main(int argc, char** argv) {
   }
   int status = 0;
   waitpid(child, &status, 0);
-  wup_test::RemoveTree(root);
+  wup_test::RemoveTree(layout.root);
   if (WIFEXITED(status)) return WEXITSTATUS(status);
   std::fprintf(stderr, "test program ended by signal %d\n", WTERMSIG(status));
   return 128 + WTERMSIG(status);

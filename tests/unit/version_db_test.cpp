@@ -131,6 +131,8 @@ std::string Summary(int integrity, int version, int plugin) {
 TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
   // Ways for the main file to go bad, each with what its check reports.
   const std::string tablesChecked = Main() + " DB : table check end";
+  const std::string notADatabase =
+      "valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [26]";
   const struct {
     const char* name;
     void (*apply)();
@@ -141,13 +143,11 @@ TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
       // Would block any open for reading until a writer came along, were it kept.
       {"FIFO",
        [] {
-         unlink(VERSION_DB);
+         RemoveTree(Main());
          mkfifo(VERSION_DB, 0644);
        },
        {"database " + Main() + "'s size is 0"}},
-      {"garbage",
-       [] { WriteFile(Main(), kGarbage); },
-       {"valid check, dbPath : [" + Main() + "], PRAGMA integrity_check error: [26]", Summary(0, 0, 0)}},
+      {"garbage", [] { WriteFile(Main(), kGarbage); }, {notADatabase, Summary(0, 0, 0)}},
       {"no versionTable",
        [] { Query(Main(), "drop table versionTable"); },
        {tablesChecked, Summary(1, 0, 1)}},
