@@ -77,7 +77,7 @@ std::string RootPath(const char* appid) {
              pkgmgrinfo_appinfo_destroy_appinfo, appid);
 }
 
-std::string Metadata(const char* appid, const char* key) {
+std::string MetadataValue(const char* appid, const char* key) {
   return Ask(
       pkgmgrinfo_appinfo_get_appinfo,
       [key](pkgmgrinfo_appinfo_h app, char** value) {
@@ -102,8 +102,8 @@ TEST_F(PkgmgrInfoStandIn, UpdatedManifestShadowsThePreloadedOneAndMetadataKeysIg
   WriteManifest(Device().roPackages, "other", "0.1", {"other.app"});
   EXPECT_EQ(Version("pkg"), "1.0.0");
   EXPECT_EQ(RootPath("pkg.old"), Device().roApp + "/pkg");
-  EXPECT_EQ(Metadata("pkg.old", "TYPE_key"), "pepperplugin");
-  EXPECT_EQ(Metadata("pkg.old", "Type"), "<-2>");
+  EXPECT_EQ(MetadataValue("pkg.old", "TYPE_key"), "pepperplugin");
+  EXPECT_EQ(MetadataValue("pkg.old", "Type"), "<-2>");
 
   WriteManifest(rw_, "pkg", "2.0.0", {"pkg", "pkg.new"});
   EXPECT_EQ(Version("pkg"), "2.0.0");
