@@ -1,15 +1,19 @@
 #!/usr/bin/env bash
-# The crash campaign in full: the plug-in cut at every write-side call of every operation of the sequence,
-# killed, killed with a power cut, and on a disk that fills up. Prints the figures by class for each mode;
-# exits 1 when any mode found something that must never happen.
+# The crash campaign: the plug-in cut at the write-side calls of every operation of the sequence, killed,
+# killed with a power cut, and on a disk that fills up. Prints the figures by class for each mode; exits 1
+# when any mode found something that must never happen.
 #
-#   tests/campaigns/crash/run.sh [BUILD_DIR]     (default: build, where scripts/test.sh builds)
+#   tests/campaigns/crash/run.sh [--every N] [MODE...]    modes: kill powercut enospc (default: all three)
+#
+# By default every point is tried; with --every N, every N-th and the last N of each operation.
 set -uo pipefail
-cd "$(dirname "$0")/../../.."
-build=${1:-build}
-cmake --build "$build" --target crash_campaign >/dev/null || exit 2
+source "$(dirname "$0")/../common/campaign.sh" crash_campaign
+every=()
+if [ "${1:-}" = --every ]; then every=("$2"); shift 2; fi
+modes=("$@")
+((${#modes[@]})) || modes=(kill powercut enospc)
 status=0
-for mode in kill powercut enospc; do
-  "$build/tests/campaigns/crash/crash_campaign" "$mode" || status=1
+for mode in "${modes[@]}"; do
+  "$build/tests/campaigns/crash_campaign" "$mode" "${every[@]}" | tally || status=1
 done
 exit "$status"

@@ -1,12 +1,10 @@
 #!/usr/bin/env bash
-# The full endurance run: builds the plain tree, runs 2,000 operations (or the number given) in one
-# process, then a shorter run under valgrind memcheck, where any error or any block definitely or
-# indirectly lost fails. CI runs 300 operations, and 60 under memcheck, through ctest.
+# The endurance run: 2,000 operations (or OPS) in one process, then 200 (or MEMCHECK_OPS) under valgrind
+# memcheck, where any error or any block definitely or indirectly lost fails.
+#
 #   tests/campaigns/endurance/run.sh [OPS] [MEMCHECK_OPS]
 set -euo pipefail
-cd "$(dirname "$0")/../../.."
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug >/dev/null
-cmake --build build -j2 --target endurance >/dev/null
-build/tests/campaigns/endurance/endurance --ops "${1:-2000}"
+source "$(dirname "$0")/../common/campaign.sh" endurance_campaign
+"$build/tests/campaigns/endurance_campaign" "${1:-2000}"
 echo "== under valgrind memcheck"
-WUP_MEMCHECK=1 tests/e2e/run_e2e.sh build/tests/campaigns/endurance/endurance --ops "${2:-200}"
+WUP_MEMCHECK=1 "$root/tests/e2e/run_e2e.sh" "$build/tests/campaigns/endurance_campaign" "${2:-200}"
