@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -50,18 +51,22 @@ inline wup_e2e::Package Ambient(const std::string& version) {
   return package;
 }
 
+// Runs `sql` on the database at `path`, created if missing.
+inline bool Exec(const std::string& path, const std::string& sql) {
+  sqlite3* db = nullptr;
+  sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
+  const std::unique_ptr<sqlite3, int (*)(sqlite3*)> closer(db, sqlite3_close);
+  return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
 inline Rows Query(sqlite3* db, const char* sql) {
   Rows rows;
-  sqlite3_stmt* raw = nullptr;
-  sqlite3_prepare_v2(db, sql, -1, &raw, nullptr);
-  const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> stmt(raw, sqlite3_finalize);
-  while (raw != nullptr && sqlite3_step(raw) == SQLITE_ROW) {
-    auto& row = rows.emplace_back();
-    for (int i = 0; i < sqlite3_column_count(raw); ++i) {
-      const unsigned char* text = sqlite3_column_text(raw, i);
-      row.emplace_back(text != nullptr ? reinterpret_cast<const char*>(text) : "");
-    }
-  }
+  auto collect = [](void* out, int n, char** values, char**) {
+    auto& row = static_cast<Rows*>(out)->emplace_back();
+    for (int i = 0; i < n; ++i) row.emplace_back(values[i] != nullptr ? values[i] : "");
+    return 0;
+  };
+  sqlite3_exec(db, sql, collect, &rows, nullptr);
   return rows;
 }
 
@@ -71,6 +76,39 @@ struct Database {
   bool accepts = false;  // the plug-in's insert of a record succeeds on it
   Rows rows;             // of the plug-in table, by name, when valid
 };
+
+struct Step {
+  std::string name, operation;  // install, upgrade or uninstall
+  wup_e2e::Package package;
+  std::function<void(const wup_e2e::Device&)> damage = nullptr;  // done to the device before the call
+};
+
+// The operations of the crash campaign, which the endurance run repeats: installs, an upgrade, a downgrade,
+// reinstalls, uninstalls and two recoveries.
+inline std::vector<Step> Sequence() {
+  auto damageMain = [](const wup_e2e::Device& device) {
+    wup_test::WriteFile(device.DatabasePath(), std::string(4096, 'x'));
+  };
+  auto removeResult = [](const wup_e2e::Device& device) { fs::remove(device.ResultPath()); };
+  // The main file stays valid, but every insert into it fails inside the write transaction.
+  auto refuseInserts = [](const wup_e2e::Device& device) {
+    Exec(device.DatabasePath(),
+         "create trigger refuse before insert on pluginTable begin select raise(abort, 'x'); end");
+  };
+  return {
+      {"first install", "install", Player("1.0.0")},
+      {"b2b install", "install", Signage("1.0.0")},
+      {"xwalk install", "install", Ambient("1.0.0")},
+      {"upgrade", "upgrade", Player("1.1.0")},
+      {"downgrade", "upgrade", Player("1.0.0")},
+      {"same-version reinstall", "install", Player("1.0.0")},
+      {"same-version reinstall, result file missing", "install", Player("1.0.0"), removeResult},
+      {"uninstall", "uninstall", Signage("1.0.0")},
+      {"damaged main file", "install", Signage("1.1.0"), damageMain},
+      {"statement failing in the transaction", "upgrade", Ambient("1.1.0"), refuseInserts},
+      {"xwalk uninstall", "uninstall", Ambient("1.1.0")},
+  };
+}
 
 // Judged on a scratch copy (with its journal, which SQLite plays back as the plug-in's next open would),
 // opened read-write as the plug-in opens it, so that looking changes nothing at the path.
@@ -108,7 +146,6 @@ inline int Call(const std::string& operation, const wup_e2e::Package& package,
   std::vector<char*> argv;
   for (std::string& arg : args) argv.push_back(arg.data());
   argv.push_back(nullptr);
-  std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
     for (const std::string& entry : environment) putenv(const_cast<char*>(entry.c_str()));

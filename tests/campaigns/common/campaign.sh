@@ -26,6 +26,7 @@ tally() {
         for (j = 1; j <= k; j++)
           printf "    %s: %d  (first: %s)\n", list[j], count[aspects[i], list[j]], first[aspects[i], list[j]]
       }
+      if (!total) print "  nothing noted"
       printf "  findings: %d\n", found
       for (i = 1; i <= found; i++) print "    " findings[i]
       exit (total == 0 || found > 0)

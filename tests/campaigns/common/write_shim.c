@@ -1,9 +1,9 @@
 // Write-side call shim of the crash campaign, preloaded (LD_PRELOAD) into the process that calls the
 // plug-in. It numbers every call by which the process changes the file system: open, openat, creat and
 // fopen for writing; write, pwrite, writev; fsync, fdatasync; rename; unlink, remove, mkdir, rmdir;
-// ftruncate; close, fflush and fclose of what was opened for writing (stdio writes its buffer there,
-// through calls no shim sees). Never the standard streams or the platform log (HOST_DLOG_FILE). Asked by
-// the environment, it also:
+// ftruncate; close of a regular file open for writing, fflush and fclose of a stream (stdio writes its
+// buffer there, through calls no shim sees). Never the standard streams or the platform log
+// (HOST_DLOG_FILE). Asked by the environment, it also:
 //   WUP_SHIM_TRACE=FILE  appends "N call target" before call N: after a kill the last line names the call
 //                        cut, after a whole run there is one line per call
 //   WUP_SHIM_KILL_AT=N   kills the process (SIGKILL) right before call N
@@ -33,32 +33,46 @@ static long calls, killAt, fullAt;
 static const char* logPath;
 static bool powerCut;
 static int traceFd = -1;
-enum { kMaxFd = 4096 };
-enum Kind { kOther, kWritable, kUnnumbered };
-static unsigned char kinds[kMaxFd];  // how each descriptor was opened
 
 __attribute__((constructor)) static void Init(void) {
   const char* trace = getenv("WUP_SHIM_TRACE");
   killAt = atol(getenv("WUP_SHIM_KILL_AT") ?: "0");
   fullAt = atol(getenv("WUP_SHIM_FULL_AT") ?: "0");
   logPath = getenv("HOST_DLOG_FILE");
-  powerCut = getenv("WUP_SHIM_POWERCUT") != NULL;
+  powerCut = atoi(getenv("WUP_SHIM_POWERCUT") ?: "0") != 0;
   if (trace) traceFd = REAL(open)(trace, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
 }
 
-static enum Kind KindOf(int fd) { return fd > 2 && fd < kMaxFd ? kinds[fd] : kUnnumbered; }
-static void Track(int fd, enum Kind kind) {
-  if (fd >= 0 && fd < kMaxFd) kinds[fd] = kind;
-}
-static bool IsLog(const char* path) { return logPath && path && !strcmp(path, logPath); }
 static int Refuse(void) {
   errno = ENOSPC;
   return -1;
 }
+static bool IsLog(const char* path) { return logPath && path && !strcmp(path, logPath); }
+static char* ProcPath(int fd, char proc[64]) {
+  snprintf(proc, 64, "/proc/self/fd/%d", fd);
+  return proc;
+}
+static const char* PathOf(int fd, char path[1024]) {
+  char proc[64];
+  memset(path, 0, 1024);
+  return readlink(ProcPath(fd, proc), path, 1023) > 0 ? path : NULL;
+}
+// Whether calls on the descriptor are numbered: not the standard streams nor the log.
+static bool Numbers(int fd) {
+  char path[1024];
+  return fd > 2 && !IsLog(PathOf(fd, path));
+}
+// A regular file open for writing, whose close is numbered.
+static bool Writable(int fd) {
+  struct stat st;
+  return Numbers(fd) && (fcntl(fd, F_GETFL) & O_ACCMODE) != O_RDONLY && fstat(fd, &st) == 0 &&
+         S_ISREG(st.st_mode);
+}
 
 // Each regular file changed since it was last synced (or since the process started), with the content it
-// had then and a descriptor to write that back through at the cut, whatever the file's name by then. The
-// descriptors stay open: closing one would drop SQLite's locks on the file.
+// had then and a descriptor to write that back through at the cut, whatever the file's name by then; an
+// unlinked file's goes to the orphan, harmlessly. The descriptors stay open: closing one would drop
+// SQLite's locks on the file (and an open one keeps its inode's number from going to another file).
 static struct Kept {
   struct stat st;
   int fd;
@@ -81,17 +95,6 @@ static void Keep(int dirfd, const char* path) {
   struct Kept k = {st, REAL(openat)(dirfd, path, O_RDWR | O_CLOEXEC), malloc(st.st_size + 1)};
   if (k.fd >= 0 && pread(k.fd, k.data, st.st_size, 0) == st.st_size) kept[keptCount++] = k;
 }
-static void KeepFd(int fd) {
-  char proc[64];
-  snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd);
-  if (fd > 2) Keep(AT_FDCWD, proc);
-}
-
-// The file is synced (or gone): nothing of it is lost any more.
-static void Forget(const struct stat* st) {
-  struct Kept* k = Find(st);
-  if (k) *k = kept[--keptCount];
-}
 
 // What the disk holds after the cut: every file kept goes back to its synced content.
 static void PowerCut(void) {
@@ -105,16 +108,13 @@ __attribute__((destructor)) static void End(void) {
   if (killAt > calls) PowerCut();  // the cut came after the last call
 }
 
-// Numbers one call (its target a path, or else the descriptor's) and says whether it finds the disk full.
-// Killed here, the process dies before the call.
+// Numbers one call on `path`, or on the descriptor `fd` (whose file is kept first), and says whether it
+// finds the disk full. Killed here, the process dies before the call.
 static bool Numbered(const char* call, const char* path, int fd) {
+  char target[1024], proc[64];
   ++calls;
-  if (traceFd >= 0) {
-    char target[1024] = "", proc[64];
-    snprintf(proc, sizeof proc, "/proc/self/fd/%d", fd);
-    if (!path && readlink(proc, target, sizeof target - 1) > 0) path = target;
-    dprintf(traceFd, "%ld %s %s\n", calls, call, path ? path : "?");
-  }
+  if (fd >= 0) Keep(AT_FDCWD, ProcPath(fd, proc));
+  if (traceFd >= 0) dprintf(traceFd, "%ld %s %s\n", calls, call, path ? path : PathOf(fd, target) ?: "?");
   if (calls == killAt) {
     PowerCut();
     kill(getpid(), SIGKILL);
@@ -123,18 +123,14 @@ static bool Numbered(const char* call, const char* path, int fd) {
 }
 
 static int Open(const char* call, int dirfd, const char* path, int flags, mode_t perm) {
-  if (IsLog(path) || !(flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC))) {
-    const int fd = REAL(openat)(dirfd, path, flags, perm);
-    Track(fd, IsLog(path) ? kUnnumbered : kOther);
-    return fd;
-  }
+  if (IsLog(path) || !(flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)))
+    return REAL(openat)(dirfd, path, flags, perm);
   struct stat st;
   const bool exists = fstatat(dirfd, path, &st, 0) == 0;
   if (Numbered(call, path, -1) && !exists && (flags & O_CREAT)) return Refuse();
   if (exists && (flags & O_TRUNC)) Keep(dirfd, path);
   const int fd = REAL(openat)(dirfd, path, flags, perm);
-  Track(fd, kWritable);
-  if (fd >= 0 && !exists) KeepFd(fd);  // created now: its synced content is nothing
+  if (fd >= 0 && !exists) Keep(dirfd, path);  // created now: its synced content is nothing
   return fd;
 }
 
@@ -161,20 +157,19 @@ static FILE* OpenStream(FILE* (*real)(const char*, const char*), const char* pat
   struct stat st;
   const bool exists = stat(path, &st) == 0;
   if (Numbered("fopen", path, -1) && !exists) return Refuse(), NULL;
-  if (exists) Keep(AT_FDCWD, path);  // stdio writes through calls no shim sees: keep it from the start
+  Keep(AT_FDCWD, path);  // stdio writes through calls no shim sees: keep the file from the start
   FILE* stream = real(path, how);
-  if (stream) Track(fileno(stream), kWritable), KeepFd(fileno(stream));
+  Keep(AT_FDCWD, path);  // created now: its synced content is nothing
   return stream;
 }
 FILE* fopen(const char* path, const char* how) { return OpenStream(REAL(fopen), path, how); }
 FILE* fopen64(const char* path, const char* how) { return OpenStream(REAL(fopen64), path, how); }
 
-// True when the write must fail; otherwise the file's synced content is safe before it changes.
+// True when the write must fail.
 static bool WriteRefused(const char* call, int fd) {
-  if (KindOf(fd) == kUnnumbered) return false;
-  if (Numbered(call, NULL, fd)) return Refuse(), true;
-  KeepFd(fd);
-  return false;
+  if (!Numbers(fd) || !Numbered(call, NULL, fd)) return false;
+  errno = ENOSPC;
+  return true;
 }
 #define WRITE(name, call, params, ...) \
   ssize_t name params { return WriteRefused(call, fd) ? -1 : REAL(name)(__VA_ARGS__); }
@@ -184,9 +179,7 @@ WRITE(pwrite64, "pwrite", (int fd, const void* data, size_t size, off64_t at), f
 WRITE(writev, "writev", (int fd, const struct iovec* parts, int count), fd, parts, count)
 
 static int Truncate(int fd, off64_t size) {
-  Numbered("ftruncate", NULL, fd);
-  KeepFd(fd);
-  return REAL(ftruncate64)(fd, size);
+  return Numbered("ftruncate", NULL, fd), REAL(ftruncate64)(fd, size);
 }
 int ftruncate(int fd, off_t size) { return Truncate(fd, size); }
 int ftruncate64(int fd, off64_t size) { return Truncate(fd, size); }
@@ -195,62 +188,47 @@ static int Sync(const char* call, int fd, int (*real)(int)) {
   Numbered(call, NULL, fd);
   const int result = real(fd);
   struct stat st;
-  if (result == 0 && fstat(fd, &st) == 0) Forget(&st);
+  struct Kept* k = result == 0 && fstat(fd, &st) == 0 ? Find(&st) : NULL;
+  if (k) *k = kept[--keptCount];  // synced: nothing of it is lost any more
   return result;
 }
 int fsync(int fd) { return Sync("fsync", fd, REAL(fsync)); }
 int fdatasync(int fd) { return Sync("fdatasync", fd, REAL(fdatasync)); }
 
 int close(int fd) {
-  if (KindOf(fd) == kWritable) Numbered("close", NULL, fd);
-  Track(fd, kOther);
+  if (Writable(fd)) Numbered("close", NULL, fd);
   return REAL(close)(fd);
 }
 
-// Removes or replaces `path` with `call`; once that succeeds, what stood there is not lost any more.
-#define REPLACING(dirfd, path, call)                                           \
-  ({                                                                           \
-    struct stat st;                                                            \
-    const bool replaces = fstatat(dirfd, path, &st, AT_SYMLINK_NOFOLLOW) == 0; \
-    const int result = call;                                                   \
-    if (result == 0 && replaces) Forget(&st);                                  \
-    result;                                                                    \
-  })
 int renameat(int fromDir, const char* from, int toDir, const char* to) {
   char target[2100];
   snprintf(target, sizeof target, "%s -> %s", from, to);
   Numbered("rename", target, -1);
-  return REPLACING(toDir, to, REAL(renameat)(fromDir, from, toDir, to));
+  return REAL(renameat)(fromDir, from, toDir, to);
 }
 int rename(const char* from, const char* to) { return renameat(AT_FDCWD, from, AT_FDCWD, to); }
 int unlinkat(int dirfd, const char* path, int flags) {
   Numbered(flags & AT_REMOVEDIR ? "rmdir" : "unlink", path, -1);
-  return REPLACING(dirfd, path, REAL(unlinkat)(dirfd, path, flags));
+  return REAL(unlinkat)(dirfd, path, flags);
 }
 int unlink(const char* path) { return unlinkat(AT_FDCWD, path, 0); }
 int rmdir(const char* path) { return unlinkat(AT_FDCWD, path, AT_REMOVEDIR); }
-int remove(const char* path) {
-  struct stat st;
-  return unlinkat(AT_FDCWD, path, lstat(path, &st) == 0 && S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0);
-}
+int remove(const char* path) { return Numbered("remove", path, -1), REAL(remove)(path); }
 int mkdir(const char* path, mode_t perm) {
   return Numbered("mkdir", path, -1) ? Refuse() : REAL(mkdir)(path, perm);
 }
 
-// Numbers the flush or close of a stream opened for writing; true when the disk is full and the stream
-// holds data, which is then dropped.
+// Numbers the flush or close of a stream open for writing; true when the disk is full and the stream holds
+// data, which is then dropped.
 static bool StreamRefused(const char* call, FILE* stream) {
-  const int fd = stream ? fileno(stream) : -1;
-  if (KindOf(fd) != kWritable) return false;
-  const bool full = Numbered(call, NULL, fd) && __fpending(stream) > 0;
-  KeepFd(fd);
+  if (!stream || !Writable(fileno(stream))) return false;
+  const bool full = Numbered(call, NULL, fileno(stream)) && __fpending(stream) > 0;
   if (full) __fpurge(stream);
   return full;
 }
 int fflush(FILE* stream) { return StreamRefused("fflush", stream) ? Refuse(), EOF : REAL(fflush)(stream); }
 int fclose(FILE* stream) {
   const bool full = StreamRefused("fclose", stream);
-  if (stream) Track(fileno(stream), kOther);
   const int result = REAL(fclose)(stream);
   return full ? Refuse(), EOF : result;
 }

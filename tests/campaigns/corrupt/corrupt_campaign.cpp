@@ -1,8 +1,7 @@
 // Corruption campaign: seeded, reproducible damaged (main, backup) pairs of the version database, one
-// install each through the real plug-in library in a fresh process under a watchdog. The outcome is
-// compared with what the open check's decision table gives for the damage, worked out here from the files
-// alone: what each path holds, and whether a regular file there is a valid version database. Each seed's
-// expected class and every finding (hang, crash, mismatch) are noted for run.sh, which tells the classes.
+// install each in a fresh process under a watchdog, its outcome compared with what the open check's
+// decision table gives, worked out here from the files alone. Notes each seed's expected class and every
+// finding (hang, crash, mismatch) for run.sh's tally.
 //
 //   corrupt_campaign [FIRST:END [TIMEOUT]]    seeds (default 0:500), the watchdog in seconds (default 10)
 #include <sys/stat.h>
@@ -15,12 +14,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-const char kTarget[] = "target";  // plug-in name of the package that every case installs
-const char kTargetVersion[] = "3.0";
+const char kTarget[] = "target", kTargetVersion[] = "3.0";  // the plug-in every case installs
 constexpr size_t kPageSize = 4096;
 
-// A regular file as the version database sees it. Contents the plug-in writes itself are known by their
-// records only; `generation` tells copies of one content apart from other contents.
+// A regular file as the version database sees it; what the plug-in writes is known by its records only, and
+// `generation` tells copies of one content apart from other contents.
 struct Content : campaign::Database {
   bool bytesKnown = true;
   int generation = 0;
@@ -31,8 +29,7 @@ struct Content : campaign::Database {
   }
 };
 
-// What a path holds: `content` is the regular file at the path, or behind the link.
-struct Entry {
+struct Entry {  // what a path holds; `content` is the regular file there, or behind the link
   enum Kind { kMissing, kFile, kDir, kFifo, kLink } kind = kMissing;
   bool emptyDir = false;
   std::string target;  // of a link
@@ -61,14 +58,7 @@ Entry Observe(const std::string& path, const std::string& scratch) {
 // or directory is never written as a copy's destination, a FIFO there is replaced by the copy; a link at
 // the main path is followed by SQLite (so a database behind it is used, and one is created behind a
 // dangling link); the removal before a re-creation takes away a link, a FIFO or an empty directory, not
-// a directory with something in it.
-//
-// Classes: the open check's first decision, `kept` (main valid, used), `restored` (main invalid, backup
-// valid and copied over it), `recreated` (both invalid: a fresh database), `refused` (the backup is valid
-// but a link or directory stands at the main path), `uncreatable` (both invalid, a directory with something
-// in it at the main path); then what became of the write: stored, `+retried` (it failed on a foreign
-// plug-in table and succeeded once the backup was copied over the main file), `+lost` (it failed again),
-// `+not-stored` (no usable main file).
+// a directory with something in it. The label it gives is the class run.sh explains.
 struct Model {
   std::string Install() {
     std::string label = OpenCheck();
@@ -132,8 +122,6 @@ struct Model {
   int generations = 0;
 };
 
-// --- The damaged pairs ------------------------------------------------------------------------------
-
 // A version database as the plug-in leaves it (schema "ours"), or with a table missing or foreign, with
 // enough rows for the plug-in table to span pages.
 std::string BuildDatabase(const std::string& scratch, const std::string& schema, const std::string& version) {
@@ -156,10 +144,7 @@ std::string BuildDatabase(const std::string& scratch, const std::string& schema,
       sql += "insert into pluginTable(name, version) values('pad" + std::to_string(i) +
              std::string(250, 'x') + "', '1');";
   }
-  sqlite3* db = nullptr;
-  sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
-  sqlite3_exec(db, (sql + "COMMIT;").c_str(), nullptr, nullptr, nullptr);
-  sqlite3_close(db);
+  campaign::Exec(path, sql + "COMMIT;");
   return wup_test::ReadFile(path);
 }
 
@@ -218,8 +203,6 @@ struct Damage {
   std::mt19937_64 rng;
   std::string scratch;
 };
-
-// --- One case -------------------------------------------------------------------------------------------
 
 // What the model expects at a path against what is there: known contents byte for byte, the plug-in's own
 // by validity and records.

@@ -5,7 +5,11 @@
 #
 #   tests/campaigns/crash/run.sh [--every N] [MODE...]    modes: kill powercut enospc (default: all three)
 #
-# By default every point is tried; with --every N, every N-th and the last N of each operation.
+# kill: the plug-in's process is killed right before call k. powercut: the same, and the data it had not
+# synced is lost (renames, creations and removals stay). enospc: from call k on the disk is full, and the
+# operation runs to its end. By default every point k is tried; with --every N, every N-th and the last N
+# of each operation, where the result file is written. The program alone takes a third argument, K, to try
+# point K only: build/tests/campaigns/crash_campaign MODE 1 K.
 set -uo pipefail
 source "$(dirname "$0")/../common/campaign.sh" crash_campaign
 every=()
