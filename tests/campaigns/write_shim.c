@@ -43,10 +43,7 @@ __attribute__((constructor)) static void Init(void) {
   if (trace) traceFd = REAL(open)(trace, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
 }
 
-static int Refuse(void) {
-  errno = ENOSPC;
-  return -1;
-}
+#define REFUSE(result) (errno = ENOSPC, (result))  // a full disk's answer
 static bool IsLog(const char* path) { return logPath && path && !strcmp(path, logPath); }
 static char* ProcPath(int fd, char proc[64]) {
   snprintf(proc, 64, "/proc/self/fd/%d", fd);
@@ -127,7 +124,7 @@ static int Open(const char* call, int dirfd, const char* path, int flags, mode_t
     return REAL(openat)(dirfd, path, flags, perm);
   struct stat st;
   const bool exists = fstatat(dirfd, path, &st, 0) == 0;
-  if (Numbered(call, path, -1) && !exists && (flags & O_CREAT)) return Refuse();
+  if (Numbered(call, path, -1) && !exists && (flags & O_CREAT)) return REFUSE(-1);
   if (exists && (flags & O_TRUNC)) Keep(dirfd, path);
   const int fd = REAL(openat)(dirfd, path, flags, perm);
   if (fd >= 0 && !exists) Keep(dirfd, path);  // created now: its synced content is nothing
@@ -156,7 +153,7 @@ static FILE* OpenStream(FILE* (*real)(const char*, const char*), const char* pat
   if (!strpbrk(how, "wa+") || IsLog(path)) return real(path, how);
   struct stat st;
   const bool exists = stat(path, &st) == 0;
-  if (Numbered("fopen", path, -1) && !exists) return Refuse(), NULL;
+  if (Numbered("fopen", path, -1) && !exists) return REFUSE(NULL);
   Keep(AT_FDCWD, path);  // stdio writes through calls no shim sees: keep the file from the start
   FILE* stream = real(path, how);
   Keep(AT_FDCWD, path);  // created now: its synced content is nothing
@@ -165,11 +162,9 @@ static FILE* OpenStream(FILE* (*real)(const char*, const char*), const char* pat
 FILE* fopen(const char* path, const char* how) { return OpenStream(REAL(fopen), path, how); }
 FILE* fopen64(const char* path, const char* how) { return OpenStream(REAL(fopen64), path, how); }
 
-// True when the write must fail.
+// True when the write must fail (errno set).
 static bool WriteRefused(const char* call, int fd) {
-  if (!Numbers(fd) || !Numbered(call, NULL, fd)) return false;
-  errno = ENOSPC;
-  return true;
+  return Numbers(fd) && Numbered(call, NULL, fd) && REFUSE(true);
 }
 #define WRITE(name, call, params, ...) \
   ssize_t name params { return WriteRefused(call, fd) ? -1 : REAL(name)(__VA_ARGS__); }
@@ -215,7 +210,7 @@ int unlink(const char* path) { return unlinkat(AT_FDCWD, path, 0); }
 int rmdir(const char* path) { return unlinkat(AT_FDCWD, path, AT_REMOVEDIR); }
 int remove(const char* path) { return Numbered("remove", path, -1), REAL(remove)(path); }
 int mkdir(const char* path, mode_t perm) {
-  return Numbered("mkdir", path, -1) ? Refuse() : REAL(mkdir)(path, perm);
+  return Numbered("mkdir", path, -1) ? REFUSE(-1) : REAL(mkdir)(path, perm);
 }
 
 // Numbers the flush or close of a stream open for writing; true when the disk is full and the stream holds
@@ -226,9 +221,9 @@ static bool StreamRefused(const char* call, FILE* stream) {
   if (full) __fpurge(stream);
   return full;
 }
-int fflush(FILE* stream) { return StreamRefused("fflush", stream) ? Refuse(), EOF : REAL(fflush)(stream); }
+int fflush(FILE* stream) { return StreamRefused("fflush", stream) ? REFUSE(EOF) : REAL(fflush)(stream); }
 int fclose(FILE* stream) {
   const bool full = StreamRefused("fclose", stream);
   const int result = REAL(fclose)(stream);
-  return full ? Refuse(), EOF : result;
+  return full ? REFUSE(EOF) : result;
 }
