@@ -8,6 +8,7 @@ packages=(
   libsqlite3-dev libjsoncpp-dev libglib2.0-dev libxml2-dev
   libgtest-dev libgmock-dev
   sqlite3 valgrind
+  clang libclang-rt-14-dev
 )
 
 missing=()
