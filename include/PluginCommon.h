@@ -10,6 +10,7 @@
 #include <dlog.h>
 #include <pthread.h>
 #include <tzplatform_config.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <map>
@@ -115,6 +116,46 @@ extern const char* VERSION_DB_BAKUP;
 
 // Size of a file by stat (following links), or -1 when it cannot be had.
 int GetFileSize(const char* path);
+
+// ---------------------------------------------------------------------------------------------------
+// Files that the plug-in writes. It runs as root inside the package manager, on paths that a damaged
+// device or a hostile package may have turned into links, FIFOs or devices, and on disks that fill up
+// or lose power; these helpers live in the WebapisUtil unit beside GetFileSize.
+
+// An open descriptor, closed when it goes out of scope. Close() says whether close() succeeded, for
+// writers that must know whether their data reached the file.
+class PluginFd {
+ public:
+  explicit PluginFd(int fd = -1) : fd_(fd) {}
+  ~PluginFd() { Close(); }
+  PluginFd(const PluginFd&) = delete;
+  PluginFd& operator=(const PluginFd&) = delete;
+
+  int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+  int Release() {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+  }
+  bool Close() {
+    const int fd = Release();
+    return fd < 0 || close(fd) == 0;
+  }
+
+ private:
+  int fd_;
+};
+
+// Creates or truncates `path` for writing, as fopen "w" does, but never through a symbolic link, never
+// waiting for the reader of a FIFO, and only ever a regular file; -1 otherwise.
+int PluginOpenForWriting(const char* path);
+
+// Writes all of `size` bytes, going on after partial writes and interruptions; false on any error.
+bool PluginWriteAll(int fd, const char* data, size_t size);
+
+// Makes the entries of a directory (a rename, a new file) durable; failures are not reported.
+void PluginSyncDirectory(const std::string& path);
 
 // ---------------------------------------------------------------------------------------------------
 // One lazily created instance per class, never destroyed. The mutex covers only the look-up and the

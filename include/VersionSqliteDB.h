@@ -36,8 +36,8 @@ class VersionSqliteDB {
   bool m_validCheck(const char* path);
   bool m_createDataBase(const char* path);
   bool m_versionCpBakUp(const char* source, const char* dest);
-  // Takes over the connection in `db` (closed before returning, unless the backup copy fails and `db` is
-  // left as it was) and leaves in `db` the connection it opened, which the caller closes.
+  // Closes the failed connection in `db` first (rolling back its transaction), then restores the main
+  // file and leaves in `db` the connection it opened, if any, which the caller closes.
   bool m_recoverDBExecute(sqlite3*& db, const char* sql);
   bool m_modifyTable(char* sql);
 };

@@ -1,12 +1,16 @@
 #include "PluginDataUtil.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <json/json.h>
 #include <pkgmgr-info.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
+#include <cerrno>
+#include <exception>
 #include <memory>
+#include <sstream>
 #include <type_traits>
 
 namespace {
@@ -43,6 +47,36 @@ bool IsExtensionDescription(const Json::Value& element) {
     if (!IsStringLike(entryPoint)) return false;
   }
   return true;
+}
+
+// A package may put anything under a description file's name: a FIFO would block the read forever and
+// a device would never end, so only a regular file is read, and opening it never waits.
+int OpenDescription(const std::string& path) {
+  PluginFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return file.Release();
+}
+
+// JsonCpp refuses some documents by throwing (nesting deeper than its limit, for one) rather than by
+// reporting an error; either way the file does not parse, and the exception's text is its error.
+bool ParseDescription(int fd, Json::Value& root, std::string& errors) {
+  try {
+    std::string text;
+    char buffer[64 * 1024];
+    for (;;) {
+      const ssize_t got = read(fd, buffer, sizeof(buffer));
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      text.append(buffer, static_cast<size_t>(got));
+    }
+    std::istringstream in(text);
+    Json::CharReaderBuilder builder;
+    return Json::parseFromStream(builder, in, &root, &errors);
+  } catch (const std::exception& error) {
+    errors = error.what();
+    return false;
+  }
 }
 
 // Records of the package-information service are released the moment they go out of scope, on every path.
@@ -143,19 +177,18 @@ bool PluginDataUtil::m_ParseXwalkJsonFile(const std::string& path, PluginDataMap
     PLUGIN_LOG("strPath is empty!");
     return false;
   }
-  std::ifstream file(path, std::ios::binary);
-  if (!file.is_open()) {
+  PluginFd file(OpenDescription(path));
+  if (!file) {
     PLUGIN_LOG("open %s fail", path.c_str());
     return false;
   }
-  Json::CharReaderBuilder builder;
   Json::Value root;
   std::string errors;
-  if (!Json::parseFromStream(builder, file, &root, &errors)) {
+  if (!ParseDescription(file.get(), root, errors)) {
     PLUGIN_LOG("file:[%s],err:[%s]", path.c_str(), errors.c_str());
     return false;
   }
-  file.close();
+  file.Close();
 
   const Json::ArrayIndex count = root.size();
   if (count < 1) return true;

@@ -1,13 +1,15 @@
 #include "VersionSqliteDB.h"
 
+#include <fcntl.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
 #include <memory>
+#include <string>
 #include <utility>
 
 // The database paths exist once, exported, so that tools can name the same files as the plug-in.
@@ -106,35 +108,10 @@ void ReadRows(sqlite3_stmt* stmt, PluginDataMap& map) {
   }
 }
 
-// Another process holds the database: wait a second and say whether one more step is worth it.
-bool WaitWhileBusy(int& busyCount) {
-  PLUGIN_LOG("sqlite3 busy, wait 1 sec and try again. count is %d", busyCount);
-  sleep(1);
-  ++busyCount;
-  return busyCount <= kMaxBusyRetries;
-}
-
-// Error rows of the check are passed over: only a row reading exactly "ok" vouches for the file.
-bool IntegrityCheckPasses(sqlite3* db, const char* path) {
-  Statement stmt;
-  const int prepared = Prepare(db, "PRAGMA integrity_check;", stmt);
-  if (prepared != SQLITE_OK) {
-    PLUGIN_LOG("valid check, dbPath : [%s], PRAGMA integrity_check error: [%d]", path, prepared);
-    return false;
-  }
-  int busyCount = 0;
-  for (;;) {
-    const int ret = sqlite3_step(stmt.get());
-    if (ret == SQLITE_ROW) {
-      const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
-      if (text != nullptr && std::strcmp(reinterpret_cast<const char*>(text), "ok") == 0) return true;
-    } else if (ret == SQLITE_BUSY) {
-      if (!WaitWhileBusy(busyCount)) return false;
-    } else {
-      PLUGIN_LOG("database integrity_check failed with error %d!", ret);
-      return false;
-    }
-  }
+// A row of the integrity check vouches for the file only when it reads exactly "ok".
+bool IsOkRow(sqlite3_stmt* stmt) {
+  const unsigned char* text = sqlite3_column_text(stmt, 0);
+  return text != nullptr && std::strcmp(reinterpret_cast<const char*>(text), "ok") == 0;
 }
 
 struct TablesFound {
@@ -142,38 +119,31 @@ struct TablesFound {
   bool plugin = false;
 };
 
-// False when the table list could not even be asked for.
-bool FindTables(sqlite3* db, const char* path, TablesFound& found) {
-  Statement stmt;
-  if (Prepare(db, "select name from sqlite_master where type = 'table';", stmt) != SQLITE_OK) return false;
-  int busyCount = 0;
-  for (;;) {
-    const int ret = sqlite3_step(stmt.get());
-    if (ret == SQLITE_ROW) {
-      const unsigned char* text = sqlite3_column_text(stmt.get(), 0);
-      if (text == nullptr) continue;
-      const char* name = reinterpret_cast<const char*>(text);
-      if (strVERSION_TABLE == name) {
-        found.version = true;
-      } else if (strPLUGIN_TABLE == name) {
-        found.plugin = true;
-      }
-    } else if (ret == SQLITE_BUSY) {
-      if (!WaitWhileBusy(busyCount)) return true;
-    } else if (ret == SQLITE_DONE) {
-      PLUGIN_LOG("%s DB : table check end", path);
-      return true;
-    } else {
-      PLUGIN_LOG("table not exist with r:%d!", ret);
-      return true;
-    }
+void NoteTable(sqlite3_stmt* stmt, TablesFound& found) {
+  const unsigned char* text = sqlite3_column_text(stmt, 0);
+  if (text == nullptr) return;
+  const char* name = reinterpret_cast<const char*>(text);
+  if (strVERSION_TABLE == name) {
+    found.version = true;
+  } else if (strPLUGIN_TABLE == name) {
+    found.plugin = true;
   }
 }
 
-bool FailValidCheck(int integrityVerified, int versionTableFound, int pluginTableFound) {
-  PLUGIN_LOG("valid check failed, integrity_verify[%d], version table check[%d], plugin table check[%d]",
-             integrityVerified, versionTableFound, pluginTableFound);
-  return false;
+// A copy replaces the whole file, so a rollback journal left beside it (by a process killed in a
+// write) belongs to other content: played back onto the copy, it would damage it.
+void RemoveStaleJournal(const char* path) { unlink((std::string(path) + "-journal").c_str()); }
+
+// Copies at most `size` bytes; the copy goes on as far as reading and writing do.
+void CopyContent(int in, int out, long long size) {
+  char buffer[64 * 1024];
+  while (size > 0) {
+    const ssize_t got = read(in, buffer, sizeof(buffer) < static_cast<size_t>(size) ? sizeof(buffer)
+                                                                                      : static_cast<size_t>(size));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0 || !PluginWriteAll(out, buffer, static_cast<size_t>(got))) return;
+    size -= got;
+  }
 }
 
 // m_recoverDBExecute works on a plain handle: ownership goes into it and the connection it leaves in the
@@ -270,15 +240,15 @@ bool VersionSqliteDB::m_getPluginDataFromPluginTable(char* sql, PluginDataMap& m
   InstallBusyHandler(db.get());
 
   // The file can be damaged between the check and this read (another process, power loss); then it is
-  // restored from the backup and read once more. The first connection stays open until the read is over.
-  Connection abandoned;
+  // restored from the backup and read once more, the connection to the damaged file closed first.
   Statement stmt;
   ret = Prepare(db.get(), sql, stmt);
   if (ret == SQLITE_NOTADB) {
     PLUGIN_LOG(
         ".AppBinaryManager.db is broken! Recover .AppBinaryManager.db from .AppBinaryManager_Backup.db\n");
+    stmt.reset();
+    db.reset();
     m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB);
-    abandoned = std::move(db);
     ret = Open(VERSION_DB, SQLITE_OPEN_READONLY, db);
     if (ret != SQLITE_OK) {
       PLUGIN_LOG("Open .AppBinaryManager.db fail again. return %d\n", ret);
@@ -322,7 +292,7 @@ bool VersionSqliteDB::m_validCheck(const char* path) {
     return false;
   }
   Connection db;
-  const int ret = Open(path, SQLITE_OPEN_READWRITE, db);
+  int ret = Open(path, SQLITE_OPEN_READWRITE, db);
   if (ret != SQLITE_OK) {
     // Names the main file also while the backup is checked; field logs have always read so.
     PLUGIN_LOG("Failed to open database [%s], errcode [%d].\n", VERSION_DB, ret);
@@ -331,11 +301,58 @@ bool VersionSqliteDB::m_validCheck(const char* path) {
   PLUGIN_LOG("set DB busy");
   InstallBusyHandler(db.get());
 
-  if (!IntegrityCheckPasses(db.get(), path)) return FailValidCheck(0, 0, 0);
+  // Each loop gives another process that holds the file at most three one-second waits.
+  int integrityVerified = 0;
+  Statement stmt;
+  ret = Prepare(db.get(), "PRAGMA integrity_check;", stmt);
+  if (ret != SQLITE_OK) {
+    PLUGIN_LOG("valid check, dbPath : [%s], PRAGMA integrity_check error: [%d]", path, ret);
+  } else {
+    // The error rows of a damaged file are passed over: only an "ok" row vouches for it.
+    for (int busyCount = 0; busyCount <= kMaxBusyRetries;) {
+      ret = sqlite3_step(stmt.get());
+      if (ret == SQLITE_ROW) {
+        if (IsOkRow(stmt.get())) {
+          integrityVerified = 1;
+          break;
+        }
+      } else if (ret == SQLITE_BUSY) {
+        PLUGIN_LOG("sqlite3 busy, wait 1 sec and try again. count is %d", busyCount);
+        sleep(1);
+        ++busyCount;
+      } else {
+        PLUGIN_LOG("database integrity_check failed with error %d!", ret);
+        break;
+      }
+    }
+  }
+
   TablesFound found;
-  if (!FindTables(db.get(), path, found)) return FailValidCheck(1, 0, 0);
+  stmt.reset();
+  if (integrityVerified &&
+      Prepare(db.get(), "select name from sqlite_master where type = 'table';", stmt) == SQLITE_OK) {
+    for (int busyCount = 0; busyCount <= kMaxBusyRetries;) {
+      ret = sqlite3_step(stmt.get());
+      if (ret == SQLITE_ROW) {
+        NoteTable(stmt.get(), found);
+      } else if (ret == SQLITE_BUSY) {
+        PLUGIN_LOG("sqlite3 busy, wait 1 sec and try again. count is %d", busyCount);
+        sleep(1);
+        ++busyCount;
+      } else {
+        if (ret == SQLITE_DONE) {
+          PLUGIN_LOG("%s DB : table check end", path);
+        } else {
+          PLUGIN_LOG("table not exist with r:%d!", ret);
+        }
+        break;
+      }
+    }
+  }
   if (found.version && found.plugin) return true;
-  return FailValidCheck(1, found.version, found.plugin);
+  PLUGIN_LOG("valid check failed, integrity_verify[%d], version table check[%d], plugin table check[%d]",
+             integrityVerified, found.version, found.plugin);
+  return false;
 }
 
 bool VersionSqliteDB::m_createDataBase(const char* path) {
@@ -401,36 +418,39 @@ bool VersionSqliteDB::m_versionCpBakUp(const char* source, const char* dest) {
 
   // The destination is truncated when it is opened, before the source size is known, so an empty
   // source leaves an empty destination: one that the open check refuses, never a stale copy that
-  // passes for current.
-  std::ifstream in(source, std::ios::binary);
-  std::ofstream out(dest, std::ios::binary);
-  in.seekg(0, std::ios::end);
-  const long long size = static_cast<long long>(in.tellg());
+  // passes for current. Neither side may block: a FIFO at either path is refused or copied from as
+  // an empty file.
+  RemoveStaleJournal(dest);
+  const PluginFd in(open(source, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  PluginFd out(PluginOpenForWriting(dest));
+  const long long size = in ? static_cast<long long>(lseek(in.get(), 0, SEEK_END)) : -1;
   if (size <= 0) {
     PLUGIN_LOG("The copy Size is [%lld], invalid!\n", size);
     return false;
   }
   PLUGIN_LOG("The copy Size is [%lld]\n", size);
-  in.seekg(0, std::ios::beg);
   // Streamed rather than read into one buffer of the reported size: a source that is not a regular
-  // file reports a size no allocation could satisfy.
-  out << in.rdbuf();
-  out.close();
-  in.close();
+  // file may report a size no allocation could satisfy. The copy is synced, since the pair is what
+  // survives a power cut.
+  lseek(in.get(), 0, SEEK_SET);
+  if (out) {
+    CopyContent(in.get(), out.get(), size);
+    fsync(out.get());
+  }
   return true;
 }
 
 bool VersionSqliteDB::m_recoverDBExecute(sqlite3*& db, const char* sql) {
   PLUGIN_LOG(
       ".AppBinaryManager.db is broken! Recover .AppBinaryManager.db from .AppBinaryManager_Backup.db\n");
+  // The failed connection goes first, its transaction rolled back by the close: it holds the lock the
+  // retry needs, and a rollback played any later would write its journal over the restored file.
+  Connection(db).reset();
+  db = nullptr;
   if (!m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB)) {
     PLUGIN_LOG("Copy data from backup db to db failed!");
     return false;
   }
-  // The failed connection is replaced, and closed only once the retry is over: until then it keeps
-  // whatever lock its transaction took, exactly as the retry has always found the file.
-  Connection abandoned(db);
-  db = nullptr;
   const int ret = sqlite3_open_v2(VERSION_DB, &db, SQLITE_OPEN_READWRITE, nullptr);
   if (ret != SQLITE_OK) {
     PLUGIN_LOG("Open .AppBinaryManager.db fail again. return %d\n", ret);

@@ -1,5 +1,6 @@
 #include "WebapisUtil.h"
 
+#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,18 +9,12 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <type_traits>
 #include <utility>
 
 #include "JsonUtil.h"
 
 namespace {
-
-struct FileCloser {
-  void operator()(FILE* file) const { std::fclose(file); }
-};
-using FileHandle = std::unique_ptr<FILE, FileCloser>;
 
 static_assert(std::is_same_v<decltype(strerror_r(0, std::declval<char*>(), 0)), char*>,
               "failure lines are laid out for the GNU strerror_r");
@@ -48,6 +43,29 @@ int GetFileSize(const char* path) {
   return static_cast<int>(st.st_size);
 }
 
+int PluginOpenForWriting(const char* path) {
+  PluginFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+  struct stat st;
+  if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return file.Release();
+}
+
+bool PluginWriteAll(int fd, const char* data, size_t size) {
+  while (size > 0) {
+    const ssize_t written = write(fd, data, size);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    data += written;
+    size -= static_cast<size_t>(written);
+  }
+  return true;
+}
+
+void PluginSyncDirectory(const std::string& path) {
+  const PluginFd dir(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (dir) fsync(dir.get());
+}
+
 WebapisUtil::WebapisUtil() = default;
 
 WebapisUtil::~WebapisUtil() = default;
@@ -59,7 +77,10 @@ bool WebapisUtil::SavePluginUpgradeResult(PluginDataMap& map) {
   JsonUtil::ParseJsonToStr(document, text);
   // Readers of the result file must never see a half-written text: stage it, then rename over.
   if (!m_WriteUpgradeWebapiToLocal(strRESULT_FILE_BAK, text)) return false;
-  return m_RenameFile(strRESULT_FILE_BAK, strRESULT_FILE);
+  if (!m_RenameFile(strRESULT_FILE_BAK, strRESULT_FILE)) return false;
+  // Without this a power cut could still undo the rename, though the new text itself is safe.
+  PluginSyncDirectory(strRESULT_DIR);
+  return true;
 }
 
 bool WebapisUtil::CheckUpgradeResultExist() { return access(strRESULT_FILE.c_str(), F_OK) == 0; }
@@ -68,13 +89,17 @@ bool WebapisUtil::m_WriteUpgradeWebapiToLocal(const std::string& path, const std
   if (access(strRESULT_DIR.c_str(), F_OK) != 0 && !m_CreateDirectory(strRESULT_DIR)) return false;
   if (m_IsFileSymbolLink(path)) return false;
 
-  const FileHandle file(std::fopen(path.c_str(), "w"));
+  PluginFd file(PluginOpenForWriting(path.c_str()));
   if (!file) {
     PLUGIN_LOG("open [%s] fail!", path.c_str());
     return false;
   }
-  // Even "null" has four characters, so an empty write means the text did not reach the file.
-  if (std::fprintf(file.get(), "%s", text.c_str()) > 0) {
+  // The text counts as written only once it is on the storage device: the rename that follows would
+  // otherwise publish whatever a full disk or a power cut left of it, an empty file most of all. Even
+  // "null" has four characters, so an empty text is never taken for a written one.
+  const bool written = !text.empty() && PluginWriteAll(file.get(), text.data(), text.size()) &&
+                       fsync(file.get()) == 0 && file.Close();
+  if (written) {
     PLUGIN_LOG("write json to local path [%s] success!", path.c_str());
     return true;
   }

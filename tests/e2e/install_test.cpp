@@ -293,22 +293,31 @@ TEST(Install, UnwritableResultFileEmptiesTheDatabaseForTheNextStart) {
   device.Place(first);
   ASSERT_EQ(0, device.InstallPlaced(first));
   ASSERT_EQ(1u, device.Rows().size());
+  const std::string published = device.ResultFile();
 
-  // The result directory cannot be made: its parent is gone.
-  wup_test::RemoveTree(device.layout().rwApp + "/appbinarymanager");
+  // The staging file cannot be opened: a directory stands in its way. Within the same process the
+  // change stays pending, so the next call writes the result once it can, though it stores nothing.
+  const std::string staging = device.ResultPath() + "_bak";
+  wup_test::MakeDirs(staging);
   Package second = Pepper("second", "1.0.0");
   device.Place(second);
   device.ClearLog();
-  ASSERT_EQ(0, device.InstallPlaced(second));
+  ASSERT_EQ(0, device.Run([&](Plugin& plugin) {
+    plugin.Install(second.pkgid.c_str(), second.pkgid.c_str(), MetadataOf(second));
+    if (device.ResultFile() != published) std::exit(5);  // a failed write leaves the previous result
+    wup_test::RemoveTree(staging);
+    plugin.Install(second.pkgid.c_str(), second.pkgid.c_str(), MetadataOf(second));
+  }));
 
   const std::vector<std::string> log = device.Log();
+  EXPECT_TRUE(Has(log, "open [" + staging + "] fail!"));
   EXPECT_TRUE(Has(log, "update fail!clear DB for next boot"));
   EXPECT_TRUE(Has(log, "Current remove sql is [delete from 'pluginTable']"));
   EXPECT_TRUE(device.Rows().empty());
   EXPECT_EQ(wup_test::ReadFile(device.DatabasePath()), wup_test::ReadFile(device.BackupPath()));
+  EXPECT_EQ("null", device.ResultFile()) << "the pending rewrite publishes the emptied database";
 
   // At the next start every package is stored again.
-  wup_test::MakeDirs(device.layout().rwApp + "/appbinarymanager");
   ASSERT_EQ(0, device.InstallPlaced(first));
   ASSERT_EQ(0, device.InstallPlaced(second));
   EXPECT_EQ(2u, device.Rows().size());

@@ -40,6 +40,16 @@ void RemoveTree(const std::string& path);
 bool PathExists(const std::string& path);
 std::vector<std::string> ReadLines(const std::string& path);
 
+// Turns a hang into a failure: the process is killed by SIGALRM unless the watchdog goes out of scope
+// within `seconds`.
+class Watchdog {
+ public:
+  explicit Watchdog(unsigned seconds = 60);
+  ~Watchdog();
+  Watchdog(const Watchdog&) = delete;
+  Watchdog& operator=(const Watchdog&) = delete;
+};
+
 // Number of descriptors this process has open (entries of /proc/self/fd).
 int CountOpenFds();
 

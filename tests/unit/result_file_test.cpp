@@ -1,6 +1,8 @@
 // The result file is replaced whole through its staging file; every refusal or failure leaves the
 // previous result where the web runtime finds it, and says why in the log.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -72,8 +74,29 @@ TEST_F(ResultFileTest, ARefusedOrFailedSaveKeepsThePreviousResult) {
   EXPECT_TRUE(LogHas("[" + staging + "] is not a symbol link"));
   EXPECT_TRUE(LogHas("open [" + staging + "] fail!"));
 
+  // A FIFO there would block a plain open until some reader came along.
   ASSERT_EQ(rmdir(staging.c_str()), 0);
+  ASSERT_EQ(mkfifo(staging.c_str(), 0644), 0);
+  {
+    const wup_test::Watchdog watchdog;
+    EXPECT_FALSE(util_.SavePluginUpgradeResult(empty_));
+  }
+  EXPECT_TRUE(LogHas("open [" + staging + "] fail!"));
+
+  // Nothing written, or less than the whole text (a full disk, here a file-size limit of two bytes):
+  // the staging file is never published.
+  ASSERT_EQ(unlink(staging.c_str()), 0);
   EXPECT_FALSE(util_.m_WriteUpgradeWebapiToLocal(staging, ""));
+  EXPECT_TRUE(LogHas("write json to local path[" + staging + "] fail!"));
+  wup_test::ClearLog();
+  struct rlimit previous;
+  ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &previous), 0);
+  const struct rlimit tiny = {2, previous.rlim_max};
+  signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tiny), 0);
+  const bool saved = util_.SavePluginUpgradeResult(empty_);
+  ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &previous), 0);
+  EXPECT_FALSE(saved);
   EXPECT_TRUE(LogHas("write json to local path[" + staging + "] fail!"));
   EXPECT_EQ(wup_test::ReadFile(strRESULT_FILE), "previous");
 

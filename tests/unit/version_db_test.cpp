@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -138,6 +139,16 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
       "systemPath TEXT)\nCREATE TABLE versionTable(name TEXT PRIMARY KEY, version TEXT, size TEXT)\n");
 }
 
+// The function named in the prefix of the first line that logged `message`.
+std::string LoggedBy(const std::string& message) {
+  for (const LogEntry& entry : LogEntries()) {
+    if (entry.Message() != message) continue;
+    const size_t start = entry.text.find(": ") + 2;
+    return entry.text.substr(start, entry.text.find('(', start) - start);
+  }
+  return "(not logged)";
+}
+
 std::string Summary(int integrity, int version, int plugin) {
   return "valid check failed, integrity_verify[" + std::to_string(integrity) + "], version table check[" +
          std::to_string(version) + "], plugin table check[" + std::to_string(plugin) + "]";
@@ -177,6 +188,7 @@ TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
       ClearLog();
       ASSERT_TRUE(db_.m_openDBCheck());
       EXPECT_THAT(LogMessages(), IsSupersetOf(damage.reported));
+      for (const std::string& line : damage.reported) EXPECT_EQ(LoggedBy(line), "m_validCheck") << line;
       EXPECT_FALSE(LogHas("db valid check pass"));
       EXPECT_EQ(LogHas("db and backup db are not valid, now create db"), !backupValid);
       EXPECT_EQ(ReadFile(Backup()), ReadFile(Main()));
@@ -203,14 +215,21 @@ TEST_F(VersionDbTest, FailuresAreLoggedAndReportedFalse) {
   EXPECT_FALSE(db_.m_recoverDBExecute(handle, "select 1"));
   sqlite3_close(handle);
 
+  // A FIFO at the main path beside a valid backup: nothing waits for a reader, nothing is stored.
+  rmdir(VERSION_DB);
+  ASSERT_EQ(mkfifo(VERSION_DB, 0644), 0);
+  {
+    const Watchdog watchdog;
+    EXPECT_FALSE(db_.InsertPluginData(record));
+  }
+
   RemoveTree(Device().db);
   EXPECT_FALSE(db_.GetPluginList(map));
   EXPECT_THAT(
       LogMessages(),
       IsSupersetOf(Lines{
           "[delete from 'noSuchTable'] failed! ret = [1],error msg = [no such table: noSuchTable]\n", kBroken,
-          // the abandoned connection still holds its transaction's lock while the statement is retried
-          "delete from 'noSuchTable' failed:[5, database is locked]\n", "remove fail!!",
+          "delete from 'noSuchTable' failed:[1, no such table: noSuchTable]\n", "remove fail!!",
           "database  " + Main() + " open failed! return [14]\n", "insert into pluginTable fail!!",
           "database " + Main() + " open failed! return [10]\n", "get plugin list fail",
           "Open .AppBinaryManager.db fail again. return 14\n",
@@ -243,10 +262,41 @@ TEST_F(VersionDbTest, BackupCopyRefusesLinksAndTruncatesBeforeTheSizeTest) {
   EXPECT_TRUE(db_.m_versionCpBakUp(source.c_str(), dest.c_str()));
   EXPECT_EQ(ReadFile(dest), std::string("a\0b", 3));
   EXPECT_FALSE(db_.m_versionCpBakUp(nullptr, dest.c_str()));
+  // FIFOs at either end never block: one as the source has no size, one as the destination is not
+  // written (the copy still counts, as any copy whose source has a size does).
+  const std::string fifo = Device().root + "/fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0644), 0);
+  {
+    const Watchdog watchdog;
+    EXPECT_FALSE(db_.m_versionCpBakUp(fifo.c_str(), dest.c_str()));
+    EXPECT_TRUE(db_.m_versionCpBakUp(source.c_str(), fifo.c_str()));
+  }
   EXPECT_THAT(LogMessages(),
               ElementsAre("Backup versionDB.\n", "The copy Size is [0], invalid!\n", "Backup versionDB.\n",
                           "The copy Size is [3]\n", "Backup versionDB.\n",
-                          "source [(null)] or Dest [" + dest + "] path is NULL! .\n"));
+                          "source [(null)] or Dest [" + dest + "] path is NULL! .\n", "Backup versionDB.\n",
+                          "The copy Size is [-1], invalid!\n", "Backup versionDB.\n", "The copy Size is [3]\n"));
+}
+
+TEST_F(VersionDbTest, AStatementRefusedInItsTransactionRunsAgainOnTheRestoredFile) {
+  StoreKept();
+  // The main file runs ahead of its backup by one record, and refuses inserts after touching a page:
+  // the transaction has a journal when the statement fails.
+  Sql(Main(),
+      "insert into pluginTable(name) values('unsaved');"
+      "create trigger refuse before insert on pluginTable begin"
+      " delete from versionTable; insert into versionTable values('x', 'y', 'z');"
+      " select raise(abort, 'refused'); end");
+  _PluginData record = Record("new", "1");
+  EXPECT_TRUE(db_.InsertPluginData(record));
+  EXPECT_TRUE(LogHas(kBroken));
+  EXPECT_FALSE(LogHas("insert into pluginTable fail!!"));
+  // The failed transaction is rolled back before the backup is copied, so none of its pages, nor the
+  // record the backup never had, come back over the restored file.
+  EXPECT_THAT(List(), ElementsAre("kept", "new"));
+  EXPECT_EQ(Sql(Main(), "PRAGMA integrity_check"), "ok\n");
+  EXPECT_EQ(Sql(Main(), "select count(*) from sqlite_master where type = 'trigger'"), "0\n");
+  EXPECT_EQ(ReadFile(Backup()), ReadFile(Main()));
 }
 
 TEST_F(VersionDbTest, FailedCommitStillCountsAsWrittenAndRefreshesTheBackup) {
@@ -292,14 +342,16 @@ TEST_F(VersionDbTest, ReadRecoversFromDamageAfterItsCheckOrFailsCleanly) {
   EXPECT_TRUE(map.empty());
 }
 
-// db_lock_holder, holding the main database from construction until destruction.
+// db_lock_holder, holding the main database from construction until destruction, or for `milliseconds`.
 struct LockHolder {
-  LockHolder() {
+  explicit LockHolder(int milliseconds = 0) {
+    const std::string hold = std::to_string(milliseconds);
     int out[2];
     if (pipe(out) != 0) return;
     if ((pid = fork()) == 0) {
       dup2(out[1], STDOUT_FILENO);
-      execl(WUP_TEST_TOOLS_DIR "/db_lock_holder", "db_lock_holder", VERSION_DB, nullptr);
+      execl(WUP_TEST_TOOLS_DIR "/db_lock_holder", "db_lock_holder", VERSION_DB,
+            milliseconds > 0 ? hold.c_str() : nullptr, nullptr);
       _exit(127);
     }
     close(out[1]);
@@ -354,18 +406,37 @@ TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherProcessHoldsTheDatabase) {
   EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other process is gone";
 }
 
-// Has the other process take the lock when `sql` is first stepped, after it was prepared.
+// Has the other process take the lock when `sql` is first stepped, after it was prepared, and hold it
+// for `milliseconds` (0: until the holder is destroyed).
 struct LockOnStep {
   std::string sql;
+  int milliseconds = 0;
   std::unique_ptr<LockHolder> holder;
   static int Trace(unsigned, void* self, void* stmt, void*) {
     auto& lock = *static_cast<LockOnStep*>(self);
     if (!lock.holder && lock.sql == sqlite3_sql(static_cast<sqlite3_stmt*>(stmt))) {
-      lock.holder = std::make_unique<LockHolder>();
+      lock.holder = std::make_unique<LockHolder>(lock.milliseconds);
     }
     return 0;
   }
+  void TraceEveryConnection() {
+    g_onOpen = [this](sqlite3* db) { return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, Trace, this); };
+  }
 };
+
+TEST_F(VersionDbTest, AWriteWaitsOutAShortLockOfAnotherProcess) {
+  StoreKept();
+  // Held for 100 ms, well within the busy handler's five waits of 50 ms.
+  LockOnStep lock{"BEGIN EXCLUSIVE", 100, nullptr};
+  lock.TraceEveryConnection();
+  _PluginData record = Record("patient", "1");
+  EXPECT_TRUE(db_.InsertPluginData(record));
+  g_onOpen = nullptr;
+  ASSERT_TRUE(lock.holder && lock.holder->locked);
+  EXPECT_TRUE(LogHas("database is lock now,can not write/read.count is [0]\n"));
+  EXPECT_FALSE(LogHas(kBroken));
+  EXPECT_THAT(List(), ElementsAre("kept", "patient"));
+}
 
 TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenFails) {
   StoreKept();
@@ -373,10 +444,8 @@ TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenF
                                                {"select name from sqlite_master where type = 'table';", 1}};
   for (const auto& [sql, integrity] : loops) {
     SCOPED_TRACE(sql);
-    LockOnStep lock{sql, nullptr};
-    g_onOpen = [&lock](sqlite3* db) {
-      return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, LockOnStep::Trace, &lock);
-    };
+    LockOnStep lock{sql, 0, nullptr};
+    lock.TraceEveryConnection();
     ClearLog();
     EXPECT_FALSE(db_.m_validCheck(VERSION_DB));
     g_onOpen = nullptr;
@@ -388,6 +457,8 @@ TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenF
     }
     expected.push_back(Summary(integrity, 0, 0));
     EXPECT_THAT(LogMessages(), ElementsAreArray(expected));
+    EXPECT_EQ(LoggedBy("sqlite3 busy, wait 1 sec and try again. count is 2"), "m_validCheck");
+    EXPECT_EQ(LoggedBy(Summary(integrity, 0, 0)), "m_validCheck");
   }
 }
 

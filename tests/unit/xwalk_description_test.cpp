@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <sstream>
 
@@ -121,10 +122,15 @@ TEST_F(XwalkDescriptionTest, ElementsWithoutNameShareTheEmptyKeyFirstOneKept) {
   EXPECT_EQ("com.korvane.tv.xwalk.", anonymous.pkgid);
 }
 
-TEST_F(XwalkDescriptionTest, BrokenFileIsLoggedAndSkippedWhileTheOthersAreRead) {
+TEST_F(XwalkDescriptionTest, BrokenOrHostileFilesAreLoggedAndSkippedWhileTheOthersAreRead) {
   const std::string broken = R"([{"name": "bad", "lib": }])";
   Write("broken.json", broken);
   Write("good.json", R"([{"name": "good"}])");
+  // Deeper than the parser's limit: it refuses by throwing rather than by reporting an error.
+  Write("deep.json", std::string(2000, '[') + std::string(2000, ']'));
+  // A FIFO would block a plain open for ever, a device would never end.
+  ASSERT_EQ(mkfifo((dir_ + "fifo.json").c_str(), 0644), 0);
+  ASSERT_EQ(symlink("/dev/zero", (dir_ + "zero.json").c_str()), 0);
 
   Json::CharReaderBuilder builder;
   Json::Value ignored;
@@ -132,10 +138,14 @@ TEST_F(XwalkDescriptionTest, BrokenFileIsLoggedAndSkippedWhileTheOthersAreRead) 
   std::istringstream brokenStream(broken);
   ASSERT_FALSE(Json::parseFromStream(builder, brokenStream, &ignored, &expectedError));
 
+  const wup_test::Watchdog watchdog;
   ASSERT_TRUE(util_.GetXwalkInfo(dir_, map_));
   EXPECT_EQ(1u, map_.size());
   EXPECT_EQ(1u, map_.count("good"));
   EXPECT_TRUE(wup_test::LogHas("file:[" + dir_ + "broken.json],err:[" + expectedError + "]"));
+  EXPECT_TRUE(wup_test::LogHas("file:[" + dir_ + "deep.json],err:[Exceeded stackLimit in readValue().]"));
+  EXPECT_TRUE(wup_test::LogHas("open " + dir_ + "fifo.json fail"));
+  EXPECT_TRUE(wup_test::LogHas("open " + dir_ + "zero.json fail"));
   EXPECT_FALSE(util_.m_ParseXwalkJsonFile(dir_ + "broken.json", map_));
 }
 
