@@ -201,12 +201,17 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  // A call whose list does not select the package changes nothing: the device needs restoring only
+  // after an input that reached the handler.
+  static bool changed = false;
+  if (changed) RestoreDevice();
+  changed = false;
   FuzzedDataProvider in(data, size);
-  RestoreDevice();
   wup_fuzz::ResetLog();
   int selecting = 0;
   for (int count = in.ConsumeIntegralInRange(1, 3); count > 0; --count) {
     const Call call = ConsumeCall(in);
+    changed = changed || call.Selects();
     selecting += call.entry != PKGMGR_MDPARSER_PLUGIN_UNINSTALL && call.Selects();
     try {
       if (call.Run() != 0) wup_fuzz::Fail("an entry point returned non-zero");
