@@ -5,8 +5,9 @@
 // Every call must return 0 with no exception, the handler must be created exactly for the install and
 // upgrade calls whose list holds the exact type key, and the result file must stay a whole JSON document.
 //
-// Every input starts from the same device (database pair and result file restored, instances destroyed),
-// so that a finding replays alone; within an input the instances live on, as in one package manager run.
+// Every input starts from the same device (database pair and result file restored, instances destroyed
+// after the previous one), so that a finding replays alone; within an input the instances live on, as in
+// one package manager run.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <glib.h>
 #include <json/json.h>
@@ -201,13 +202,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // A call whose list does not select the package changes nothing: the device needs restoring only
-  // after an input that reached the handler.
-  static bool changed = false;
-  if (changed) RestoreDevice();
-  changed = false;
   FuzzedDataProvider in(data, size);
   wup_fuzz::ResetLog();
+  bool changed = false;
   int selecting = 0;
   for (int count = in.ConsumeIntegralInRange(1, 3); count > 0; --count) {
     const Call call = ConsumeCall(in);
@@ -225,5 +222,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   if (!IsJsonDocument(wup_test::ReadFile(strRESULT_FILE)))
     wup_fuzz::Fail("the result file is not a whole document");
+  // Restored before the input ends, so that the instances it created do not count as its leaks. A call
+  // whose list selects no package changes nothing.
+  if (changed) RestoreDevice();
   return 0;
 }

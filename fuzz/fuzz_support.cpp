@@ -44,7 +44,11 @@ int LoggedLines(const std::string& message) {
   return found == LineCounts().end() ? 0 : found->second;
 }
 
-void ResetLog() { LineCounts().clear(); }
+// Counts are zeroed, not erased: an input that frees more or less than it allocates makes libFuzzer look
+// for leaks, which costs more than the input itself.
+void ResetLog() {
+  for (auto& count : LineCounts()) count.second = 0;
+}
 
 void Fail(const std::string& what) {
   std::fprintf(stderr, "property broken: %s\n", what.c_str());
