@@ -233,7 +233,8 @@ TEST_F(PkgsimTest, ShowSaysWhenTheDatabaseIsDamagedAndTheResultFileStale) {
   Expect(
       0, {"--quiet", "install", kPackages + "signage"},
       {"  warning: the database was damaged (fails SQLite's integrity check): the plug-in restored it from",
-       "  result file rewritten from 2 records"});
+       "  result file rewritten from 2 records", "  compared with the backup, which held 1 record: the "
+       "database was unreadable before\n  + signage"});
 }
 
 // Bad input ends with one line on standard error and exit status 1, before the device is touched;
