@@ -148,7 +148,8 @@ class PluginFd {
 };
 
 // Creates or truncates `path` for writing, as fopen "w" does, but never through a symbolic link, never
-// waiting for the reader of a FIFO, and only ever a regular file; -1 otherwise.
+// waiting for the reader of a FIFO, and only ever a regular file (a FIFO, socket or device at the path
+// is replaced by one); -1 otherwise.
 int PluginOpenForWriting(const char* path);
 
 // Writes all of `size` bytes, going on after partial writes and interruptions; false on any error.

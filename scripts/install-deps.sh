@@ -8,6 +8,7 @@ packages=(
   libsqlite3-dev libjsoncpp-dev libglib2.0-dev libxml2-dev
   libgtest-dev libgmock-dev
   sqlite3 valgrind
+  rpm
   clang libclang-rt-14-dev
 )
 
@@ -22,8 +23,15 @@ if ((${#missing[@]} == 0)); then
   exit 0
 fi
 
-echo "installing: ${missing[*]}"
+echo "installing with apt-get: ${missing[*]}"
 sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo=sudo; fi
-$sudo apt-get update -qq
-DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# apt-get's hundreds of progress lines go to a log, shown only when something fails.
+log=$(mktemp)
+trap 'rm -f "$log"' EXIT
+if ! { $sudo apt-get update -qq && DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq \
+    --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+  cat "$log" >&2
+  echo "install-deps: apt-get failed (its output is above)" >&2
+  exit 1
+fi

@@ -1,19 +1,27 @@
 #!/usr/bin/env bash
-# The whole test suite, from a fresh Debian 12 machine: installs what is missing, builds, runs every test.
-#
-#   scripts/test.sh            everything CI runs: the plain build, the same suite again under
-#                              AddressSanitizer + UndefinedBehaviorSanitizer, and the end-to-end suite
-#                              under valgrind memcheck, and a bounded run of every fuzz target
-#   scripts/test.sh --quick    the plain build and its tests only
 set -euo pipefail
 cd "$(dirname "$0")/.."
+
+usage() {
+  cat <<'TEXT'
+usage: scripts/test.sh [--quick]
+
+The whole test suite, from a fresh Debian 12 machine: installs what is missing (apt-get), builds and
+runs every test.
+
+  (no option)  everything CI runs: the plain build, the device build (-DTIZEN=ON) installed and
+               checked, the same suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
+               the end-to-end suite under valgrind memcheck, and a bounded run of every fuzz target
+  --quick      the plain build and its tests only
+TEXT
+}
 
 quick=0
 for arg in "$@"; do
   case "$arg" in
     --quick) quick=1 ;;
-    -h|--help) sed -n '2,8p' "$0"; exit 0 ;;
-    *) echo "unknown option: $arg" >&2; exit 2 ;;
+    -h|--help) usage; exit 0 ;;
+    *) echo "unknown option: $arg" >&2; usage >&2; exit 2 ;;
   esac
 done
 
@@ -32,6 +40,9 @@ echo "== plain build"
 build_and_test build
 
 if ((quick)); then exit 0; fi
+
+echo "== device build (-DTIZEN=ON against the stand-ins), installed and checked"
+packaging/check-device-build.sh build build-device
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer"
 export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1

@@ -276,6 +276,7 @@ bool VersionSqliteDB::m_openDBCheck() {
   if (m_validCheck(VERSION_DB_BAKUP)) return m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB);
 
   if (access(VERSION_DB, F_OK) == 0) remove(VERSION_DB);
+  RemoveStaleJournal(VERSION_DB);  // it would be played back onto the new file
   PLUGIN_LOG("db and backup db are not valid, now create db");
   if (!m_createDataBase(VERSION_DB)) return false;
   m_versionCpBakUp(VERSION_DB, VERSION_DB_BAKUP);

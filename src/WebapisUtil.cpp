@@ -44,8 +44,13 @@ int GetFileSize(const char* path) {
 }
 
 int PluginOpenForWriting(const char* path) {
-  PluginFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
+  // A FIFO, socket or device where a file of the plug-in belongs is damage, not data: it goes, and a
+  // regular file takes its place. Were it kept, every later use of the path would fail or wait on it.
   struct stat st;
+  if (lstat(path, &st) == 0 && !S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode) && !S_ISLNK(st.st_mode)) {
+    unlink(path);
+  }
+  PluginFd file(open(path, O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666));
   if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
   return file.Release();
 }

@@ -4,6 +4,9 @@
 #include <pkgmgr-info-host.h>
 #include <pkgmgr-info.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
@@ -105,6 +108,43 @@ TEST_F(PkgmgrInfoStandInTest, ForcedFailuresAndHandleCounts) {
   EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 2);
   host_pkgmgrinfo_reset_counters();
   EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 0);
+}
+
+// Manifests are read once per process: every change between two calls must show in the next answer, even
+// a rewrite of the same size within the same clock tick, and what only the XML parser can read.
+TEST_F(PkgmgrInfoStandInTest, AnswersFollowEveryChangeBetweenCalls) {
+  const std::string rw = Device().rwPackages;
+  const std::string outside = Device().root + "/elsewhere";
+  wup_test::MakeDirs(outside);
+  wup_test::WriteManifest(rw, "pkg", "1.0.0", {"pkg"});
+  EXPECT_EQ(Version("pkg"), "1.0.0");
+  wup_test::WriteManifest(rw, "pkg", "1.0.1", {"pkg"});
+  EXPECT_EQ(Version("pkg"), "1.0.1");
+  wup_test::WriteManifest(rw, "staged", "2.0.0", {"pkg.next"});
+  ASSERT_EQ(std::rename((rw + "/staged.xml").c_str(), (rw + "/pkg.xml").c_str()), 0);
+  EXPECT_EQ(Version("pkg"), "2.0.0");
+  EXPECT_EQ(RootPath("pkg.next"), Device().rwApp + "/pkg");
+  EXPECT_EQ(Version("staged"), "<-3>");
+
+  // A link's target may change where no watch of the manifest directory sees it.
+  wup_test::WriteManifest(outside, "target", "1", {"linked"});
+  ASSERT_EQ(symlink((outside + "/target.xml").c_str(), (rw + "/link.xml").c_str()), 0);
+  EXPECT_EQ(RootPath("linked"), Device().rwApp + "/link");
+  wup_test::WriteManifest(outside, "target", "1", {"relinked"});
+  EXPECT_EQ(RootPath("linked"), "<-3>");
+  EXPECT_EQ(RootPath("relinked"), Device().rwApp + "/link");
+
+  wup_test::WriteFile(rw + "/ref.xml", "<manifest package=\"ref\"><ui-application appid=\"r&#101;f\"/></manifest>");
+  EXPECT_EQ(RootPath("ref"), Device().rwApp + "/ref") << "an id written with a character reference";
+  ASSERT_EQ(std::remove((rw + "/pkg.xml").c_str()), 0);
+  EXPECT_EQ(Version("pkg"), "<-3>");
+
+  // A new directory at the same path.
+  wup_test::RemoveTree(rw);
+  wup_test::MakeDirs(rw);
+  wup_test::WriteManifest(rw, "fresh", "3", {"ref"});
+  EXPECT_EQ(Version("fresh"), "3");
+  EXPECT_EQ(RootPath("ref"), Device().rwApp + "/fresh");
 }
 
 }  // namespace

@@ -57,7 +57,7 @@ TEST_F(ResultFileTest, AMissingParentDirectoryStopsTheWrite) {
   EXPECT_FALSE(util_.CheckUpgradeResultExist());
 }
 
-TEST_F(ResultFileTest, ARefusedOrFailedSaveKeepsThePreviousResult) {
+TEST_F(ResultFileTest, ARefusedOrFailedSaveKeepsThePreviousResultAndNothingWaits) {
   const std::string& staging = strRESULT_FILE_BAK;
   wup_test::MakeDirs(strRESULT_DIR);
   wup_test::WriteFile(strRESULT_FILE, "previous");
@@ -74,18 +74,9 @@ TEST_F(ResultFileTest, ARefusedOrFailedSaveKeepsThePreviousResult) {
   EXPECT_TRUE(LogHas("[" + staging + "] is not a symbol link"));
   EXPECT_TRUE(LogHas("open [" + staging + "] fail!"));
 
-  // A FIFO there would block a plain open until some reader came along.
-  ASSERT_EQ(rmdir(staging.c_str()), 0);
-  ASSERT_EQ(mkfifo(staging.c_str(), 0644), 0);
-  {
-    const wup_test::Watchdog watchdog;
-    EXPECT_FALSE(util_.SavePluginUpgradeResult(empty_));
-  }
-  EXPECT_TRUE(LogHas("open [" + staging + "] fail!"));
-
   // Nothing written, or less than the whole text (a full disk, here a file-size limit of two bytes):
   // the staging file is never published.
-  ASSERT_EQ(unlink(staging.c_str()), 0);
+  ASSERT_EQ(rmdir(staging.c_str()), 0);
   EXPECT_FALSE(util_.m_WriteUpgradeWebapiToLocal(staging, ""));
   EXPECT_TRUE(LogHas("write json to local path[" + staging + "] fail!"));
   wup_test::ClearLog();
@@ -99,6 +90,15 @@ TEST_F(ResultFileTest, ARefusedOrFailedSaveKeepsThePreviousResult) {
   EXPECT_FALSE(saved);
   EXPECT_TRUE(LogHas("write json to local path[" + staging + "] fail!"));
   EXPECT_EQ(wup_test::ReadFile(strRESULT_FILE), "previous");
+
+  // A FIFO there, which a plain open would wait on for a reader, is replaced by the staging file.
+  ASSERT_EQ(unlink(staging.c_str()), 0);
+  ASSERT_EQ(mkfifo(staging.c_str(), 0644), 0);
+  {
+    const wup_test::Watchdog watchdog;
+    EXPECT_TRUE(util_.SavePluginUpgradeResult(empty_));
+  }
+  EXPECT_EQ(wup_test::ReadFile(strRESULT_FILE), "null");
 
   // A result path that cannot be replaced: the staged text stays beside it.
   ASSERT_EQ(unlink(strRESULT_FILE.c_str()), 0);

@@ -32,6 +32,7 @@ class Device {
   std::string LogFile() const { return root_ + "/var/log/dlog.log"; }
 
   std::string DbFile() const { return DbDir() + "/.AppBinaryManager.db"; }
+  std::string BackupFile() const { return DbDir() + "/.AppBinaryManager_Backup.db"; }
   // The application that owns the plug-in's result; the plug-in makes only the last directory level.
   std::string ManagerDir() const { return RwAppDir() + "/appbinarymanager"; }
   std::string ResultFile() const { return ManagerDir() + "/webapi_result/upgrade_webapi_result.json"; }

@@ -1,11 +1,11 @@
-// The metadata-parser plug-in as the package manager sees it: a shared library loaded with dlopen whose
-// three entry points are called once per application that carries metadata of the plug-in's namespace.
-// The library stays loaded until the process ends, as in the package manager: its process-wide
-// instances are never destroyed, and unloading it under them would only hide that.
+// The metadata-parser plug-in as the package manager holds it during one installation step: loaded with
+// dlopen(RTLD_LAZY | RTLD_LOCAL) when the step starts and unloaded with dlclose when it ends. glibc never
+// really unloads this library (its template statics are STB_GNU_UNIQUE symbols), so its process-wide
+// instances and the paths it fixed at its first load live on between steps, as on the device.
 #ifndef PKGSIM_PLUGIN_H_
 #define PKGSIM_PLUGIN_H_
 
-#include <ostream>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -15,30 +15,41 @@
 
 namespace pkgsim {
 
+// The metadata namespace the plug-in is registered for, and the key it is handled by.
+inline const std::string kNamespace = METADATA_NAMESPACE;
+inline const std::string kTypeKey = kNamespace + "upgradable_webapi_type";
+inline const std::string kAllowListKey = kNamespace + "upgradable_webapi_applist";
+inline const std::string kForceKey = kNamespace + "forceupdate_webapi";
+
 enum class Operation { kInstall, kUpgrade, kUninstall };
+const char* EntryPointName(Operation operation);
 
 using MetadataItems = std::vector<std::pair<std::string, std::string>>;
 
-// The items of an application that the package manager hands to a plug-in registered for `ns`: those
-// whose key starts with it, in manifest order.
-MetadataItems ItemsOfNamespace(const host::ManifestApp& app, const std::string& ns);
+// The items of an application that the package manager hands to the plug-in: those whose key starts
+// with the namespace, in manifest order. The manifest reader leaves out a <metadata> without a key and
+// reads a missing value as the empty string, so every item it gives has both set.
+MetadataItems ItemsOfNamespace(const host::ManifestApp& app);
 
-class Plugin {
+class PluginStep {
  public:
-  // Loads the library; the device must already be exported, since the plug-in fixes its paths at load.
-  // Throws std::runtime_error with dlerror's text when the library or an entry point is missing.
-  static Plugin Load(const std::string& path);
+  // Loads the library; the device must already be exported, since the plug-in fixes its paths at its
+  // first load. Throws std::runtime_error with dlerror's text when the library or an entry point is
+  // missing.
+  explicit PluginStep(const std::string& path);
 
-  // Calls the entry point of `operation` for every application of the manifest that has items of the
-  // namespace, and says so on `out`. Returns the number of calls.
-  int CallForPackage(Operation operation, const host::Manifest& manifest, const std::string& ns,
-                     std::ostream& out) const;
+  // Calls the entry point of `operation` once, with the items as the package manager publishes them.
+  int Call(Operation operation, const std::string& pkgid, const std::string& appid,
+           const MetadataItems& items) const;
 
  private:
+  struct Closer {
+    void operator()(void* library) const;
+  };
   using EntryPoint = decltype(&PKGMGR_MDPARSER_PLUGIN_INSTALL);
-  EntryPoint install_ = nullptr;
-  EntryPoint upgrade_ = nullptr;
-  EntryPoint uninstall_ = nullptr;
+
+  std::unique_ptr<void, Closer> library_;
+  EntryPoint entries_[3] = {};
 };
 
 }  // namespace pkgsim

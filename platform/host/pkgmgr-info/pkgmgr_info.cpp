@@ -20,13 +20,12 @@
 // Results: 0 success, -1 error (forced, or the manifest needed could not be read), -2 invalid argument
 // (null pointers, a handle that is not open, a metadata key the application lacks), -3 not found.
 // Handles are heap records; strings handed out point into them and live until the handle is destroyed.
-#include <dirent.h>
+// The manifests are read once per process and kept current as they change (manifest_index.h).
 #include <pkgmgr-info-host.h>
 #include <pkgmgr-info.h>
 #include <strings.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
@@ -37,7 +36,7 @@
 #include <utility>
 #include <vector>
 
-#include "manifest.h"
+#include "manifest_index.h"
 
 namespace {
 
@@ -128,65 +127,55 @@ Area ReadOnly() {
   return {EnvDir("TZ_SYS_RO_PACKAGES", "/usr/share/packages"), EnvDir("TZ_SYS_RO_APP", "/usr/apps")};
 }
 
-bool Exists(const std::string& path) {
-  struct stat status;
-  return stat(path.c_str(), &status) == 0;
-}
-
 std::string ManifestPath(const Area& area, const std::string& package) {
   return area.packages + "/" + package + ".xml";
 }
 
-// A broken manifest must be a failure of the call, and whoever runs the sandbox wants to know why.
-bool Read(const std::string& path, host::Manifest& manifest) {
-  std::string error;
-  if (host::ReadManifest(path, manifest, error)) return true;
-  std::fprintf(stderr, "pkgmgr-info (host): %s\n", error.c_str());
-  return false;
+// Look-ups hold this while they use the index.
+std::mutex& IndexMutex() {
+  static std::mutex mutex;
+  return mutex;
 }
 
-const char kManifestSuffix[] = ".xml";
+host::ManifestDirectory& ManifestsOf(const Area& area) { return host::ManifestIndex::Instance().Current(area.packages); }
 
-// Package ids of the manifests in one directory, in name order.
-std::vector<std::string> PackagesIn(const Area& area) {
-  struct DirCloser {
-    void operator()(DIR* dir) const { closedir(dir); }
-  };
-  std::vector<std::string> packages;
-  std::unique_ptr<DIR, DirCloser> dir(opendir(area.packages.c_str()));
-  if (!dir) return packages;
-  const size_t suffix = sizeof kManifestSuffix - 1;
-  while (const dirent* entry = readdir(dir.get())) {
-    const std::string name = entry->d_name;
-    if (name.size() <= suffix || name.compare(name.size() - suffix, suffix, kManifestSuffix) != 0) continue;
-    packages.push_back(name.substr(0, name.size() - suffix));
-  }
-  std::sort(packages.begin(), packages.end());
-  return packages;
+// The manifest of `package` in one area. A listed name that is no regular file counts only when it leads
+// to something, as a path that exists.
+host::ManifestEntry* FindManifest(const Area& area, const std::string& package) {
+  host::ManifestDirectory& manifests = ManifestsOf(area);
+  const auto found = manifests.find(package);
+  if (found == manifests.end()) return nullptr;
+  struct stat status;
+  if (!found->second.regular() && stat(ManifestPath(area, package).c_str(), &status) != 0) return nullptr;
+  return &found->second;
 }
 
 enum class Search { kFound, kNotFound, kBroken };
 
-// Looks for `appid` in the manifests of one area; packages listed in `shadowed` are not looked at.
-Search FindApp(const Area& area, const std::set<std::string>& shadowed, const std::string& appid,
-               AppInfo& found) {
-  bool broken = false;
-  for (const std::string& package : PackagesIn(area)) {
-    if (shadowed.count(package) != 0) continue;
-    host::Manifest manifest;
-    if (!Read(ManifestPath(area, package), manifest)) {
-      broken = true;
-      continue;
-    }
-    for (host::ManifestApp& app : manifest.apps) {
+// Looks for `appid` in the manifests of one area; packages that `shadowed` lists are not looked at.
+// Only manifests that may declare the id are parsed; every one is when the id is declared nowhere, since an
+// application not found next to a broken manifest may well be in it.
+Search FindApp(const Area& area, const host::ManifestDirectory* shadowed, const std::string& appid, AppInfo& found) {
+  host::ManifestDirectory& manifests = ManifestsOf(area);
+  auto visible = [shadowed](const std::string& package) {
+    return shadowed == nullptr || shadowed->count(package) == 0;
+  };
+  for (auto& [package, entry] : manifests) {
+    if (!visible(package) || !entry.MayDeclare(appid)) continue;
+    const host::Manifest* manifest = entry.Parsed();
+    if (manifest == nullptr) continue;
+    for (const host::ManifestApp& app : manifest->apps) {
       if (app.appid != appid) continue;
       found.appid = app.appid;
       found.rootPath = area.apps + "/" + package;
-      found.metadata = std::move(app.metadata);
+      found.metadata = app.metadata;
       return Search::kFound;
     }
   }
-  return broken ? Search::kBroken : Search::kNotFound;
+  for (auto& [package, entry] : manifests) {
+    if (visible(package) && entry.Parsed() == nullptr) return Search::kBroken;
+  }
+  return Search::kNotFound;
 }
 
 // A package id names a file; one that could reach outside the manifest directory names no package.
@@ -215,11 +204,11 @@ int pkgmgrinfo_appinfo_get_appinfo(const char* appid, pkgmgrinfo_appinfo_h* hand
   if (appid == nullptr || handle == nullptr) return PMINFO_R_EINVAL;
   auto app = std::make_unique<AppInfo>();
   const Area writable = Writable();
-  const std::vector<std::string> updated = PackagesIn(writable);
-  Search search = FindApp(writable, {}, appid, *app);
+  const std::lock_guard<std::mutex> lock(IndexMutex());
+  Search search = FindApp(writable, nullptr, appid, *app);
   if (search != Search::kFound) {
     // An application not found next to a broken manifest may well be in it: that is an error, not absence.
-    const Search preloaded = FindApp(ReadOnly(), {updated.begin(), updated.end()}, appid, *app);
+    const Search preloaded = FindApp(ReadOnly(), &ManifestsOf(writable), appid, *app);
     if (preloaded != Search::kNotFound) search = preloaded;
   }
   if (search != Search::kFound) return ToResult(search);
@@ -256,13 +245,14 @@ int pkgmgrinfo_pkginfo_get_pkginfo(const char* pkgid, pkgmgrinfo_pkginfo_h* hand
   if (Enter(__func__)) return PMINFO_R_ERROR;
   if (pkgid == nullptr || handle == nullptr) return PMINFO_R_EINVAL;
   if (!IsPackageName(pkgid)) return PMINFO_R_ENOENT;
-  std::string path = ManifestPath(Writable(), pkgid);
-  if (!Exists(path)) path = ManifestPath(ReadOnly(), pkgid);
-  if (!Exists(path)) return PMINFO_R_ENOENT;
-  host::Manifest manifest;
-  if (!Read(path, manifest)) return PMINFO_R_ERROR;
+  const std::lock_guard<std::mutex> lock(IndexMutex());
+  host::ManifestEntry* entry = FindManifest(Writable(), pkgid);
+  if (entry == nullptr) entry = FindManifest(ReadOnly(), pkgid);
+  if (entry == nullptr) return PMINFO_R_ENOENT;
+  const host::Manifest* manifest = entry->Parsed();
+  if (manifest == nullptr) return PMINFO_R_ERROR;
   auto package = std::make_unique<PkgInfo>();
-  package->version = manifest.version;
+  package->version = manifest->version;
   *handle = Register(&Bookkeeping::pkginfos, package.release());
   return PMINFO_R_OK;
 }

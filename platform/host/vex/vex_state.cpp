@@ -1,6 +1,7 @@
 // Host stand-in for the TV's application service (libvex_launcher_api, libvex_db_api).
 //
-// Contract, relied on by the tests and by pkgsim; everything is read at call time:
+// Contract, relied on by the tests and by pkgsim; everything is read at call time, only when a call
+// needs it:
 //   HOST_VEX_DIR              directory of the service's state on the sandbox device.
 //   $HOST_VEX_DIR/foreground  id of the application in the foreground; a missing or empty file means
 //                             none. A trailing line feed is ignored.
@@ -13,9 +14,14 @@
 // foreground and terminations succeed without being recorded.
 #include "vex_state.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstdlib>
-#include <fstream>
-#include <sstream>
+#include <cstring>
+#include <mutex>
+
+#include "append_file.h"
 
 namespace host_vex {
 namespace {
@@ -25,29 +31,37 @@ std::string StateDir() {
   return dir != nullptr ? dir : "";
 }
 
-std::string Trimmed(const std::string& text) {
-  const size_t first = text.find_first_not_of(" \t");
-  if (first == std::string::npos) return "";
-  return text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
 }  // namespace
 
-bool FailureForced(const std::string& token) {
+bool FailureForced(const char* token) {
   const char* list = std::getenv("HOST_VEX_FAIL");
   if (list == nullptr) return false;
-  std::istringstream tokens(list);
-  for (std::string item; std::getline(tokens, item, ',');) {
-    if (Trimmed(item) == token) return true;
+  const size_t length = std::strlen(token);
+  for (const char* item = list;; ++item) {
+    const char* end = std::strchr(item, ',');
+    if (end == nullptr) end = item + std::strlen(item);
+    const char* first = item;
+    const char* last = end;
+    while (first < last && IsBlank(*first)) ++first;
+    while (last > first && IsBlank(last[-1])) --last;
+    if (static_cast<size_t>(last - first) == length && std::memcmp(first, token, length) == 0) return true;
+    if (*end == '\0') return false;
+    item = end;
   }
-  return false;
 }
 
 std::string ForegroundAppId() {
   const std::string dir = StateDir();
   if (dir.empty()) return "";
-  std::ifstream in(dir + "/foreground", std::ios::binary);
-  std::string id((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  std::string id;
+  const int fd = open((dir + "/foreground").c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  if (fd >= 0) {
+    char buffer[512];
+    for (ssize_t count; (count = read(fd, buffer, sizeof buffer)) > 0;) id.append(buffer, static_cast<size_t>(count));
+    close(fd);
+  }
   while (!id.empty() && (id.back() == '\n' || id.back() == '\r')) id.pop_back();
   return id;
 }
@@ -55,9 +69,12 @@ std::string ForegroundAppId() {
 bool RecordTermination(const std::string& appId) {
   const std::string dir = StateDir();
   if (dir.empty()) return true;
-  std::ofstream out(dir + "/terminated", std::ios::binary | std::ios::app);
-  out << appId << '\n';
-  return static_cast<bool>(out.flush());
+  // Never destroyed: a termination may still come while the process ends.
+  static std::mutex* const mutex = new std::mutex;
+  static host::AppendFile* const record = new host::AppendFile;
+  const std::string line = appId + "\n";
+  const std::lock_guard<std::mutex> lock(*mutex);
+  return record->Append(dir + "/terminated", line.data(), line.size());
 }
 
 }  // namespace host_vex

@@ -8,7 +8,7 @@
 namespace host_vex {
 
 // True when HOST_VEX_FAIL names `token` (a function name or "null_foreground").
-bool FailureForced(const std::string& token);
+bool FailureForced(const char* token);
 
 // Id of the application in the foreground; empty when there is none.
 std::string ForegroundAppId();

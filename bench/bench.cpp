@@ -1,0 +1,517 @@
+// The install benchmark: one install (and one uninstall) of a pepper plug-in package, each in a fresh
+// process through the entry point as the device's installer makes it, on a sandbox device that already
+// has N plug-in packages installed and recorded; beside it the floor (bench_floor) doing the same
+// mandatory work on the same device, with and without the platform calls. Reports CPU time (user +
+// system of the process, median of the runs) and, under valgrind's callgrind, instructions, with the
+// share that the host stand-ins of the platform take. See bench/README.md.
+//
+//   bench_install [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--dir DIR] [--keep]
+//
+// The devices are made under DIR (default: /dev/shm when there is one, else /tmp): thousands of small
+// files are copied and removed for every run, which a disk mounted with online discard takes seconds for.
+#include <sqlite3.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace fs = std::filesystem;
+
+namespace {
+
+const std::string kNamespace = METADATA_NAMESPACE;
+const std::string kTypeKey = kNamespace + "upgradable_webapi_type";
+const std::string kAppListKey = kNamespace + "upgradable_webapi_applist";
+const std::string kNewPackage = "com.korvane.tv.pepper.newplayer";
+const std::string kNewAppList = "NwPlayer01.Main";
+
+std::string ReadFile(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+void WriteFile(const fs::path& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  if (!out.flush()) throw std::runtime_error("cannot write " + path.string());
+}
+
+std::string Numbered(int i) {
+  char text[16];
+  std::snprintf(text, sizeof text, "%04d", i);
+  return text;
+}
+
+std::string PackageOf(int i) { return "com.korvane.tv.pepper.bench" + Numbered(i); }
+std::string AppListOf(int i) { return "Bn" + Numbered(i) + "App.Main"; }
+
+// A manifest as an SDK writes one: profile, an application with label, icon and the plug-in's
+// metadata, privileges and a feature.
+std::string Manifest(const std::string& pkgid, const std::string& appList) {
+  return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+         "<manifest xmlns=\"http://tizen.org/ns/packages\" api-version=\"6.0\" package=\"" + pkgid +
+         "\" version=\"1.0.0\">\n"
+         "    <profile name=\"tv\"/>\n"
+         "    <service-application appid=\"" + pkgid + "\" exec=\"plugin\" type=\"capp\" multiple=\"false\""
+         " taskmanage=\"false\" nodisplay=\"true\">\n"
+         "        <label>Web API plug-in " + pkgid.substr(pkgid.rfind('.') + 1) + "</label>\n"
+         "        <icon>plugin.png</icon>\n"
+         "        <metadata key=\"" + kTypeKey + "\" value=\"pepperplugin\"/>\n"
+         "        <metadata key=\"" + kAppListKey + "\" value=\"" + appList + "\"/>\n"
+         "    </service-application>\n"
+         "    <privileges>\n"
+         "        <privilege>http://tizen.org/privilege/internet</privilege>\n"
+         "        <privilege>http://tizen.org/privilege/network.get</privilege>\n"
+         "        <privilege>http://tizen.org/privilege/appmanager.launch</privilege>\n"
+         "    </privileges>\n"
+         "    <feature name=\"http://tizen.org/feature/screen.size.all\">true</feature>\n"
+         "</manifest>\n";
+}
+
+// ---- processes ------------------------------------------------------------------------------------------
+
+struct Device {
+  fs::path root;
+  fs::path Db() const { return root / "db" / ".AppBinaryManager.db"; }
+  fs::path Backup() const { return root / "db" / ".AppBinaryManager_Backup.db"; }
+  fs::path RwApp() const { return root / "rw-apps"; }
+  fs::path Result() const { return RwApp() / "appbinarymanager/webapi_result/upgrade_webapi_result.json"; }
+  fs::path Log() const { return root / "dlog.log"; }
+  fs::path Terminated() const { return root / "vex" / "terminated"; }
+  std::vector<std::string> Environment() const {
+    return {"TZ_SYS_DB=" + (root / "db").string(),
+            "TZ_SYS_RW_APP=" + RwApp().string(),
+            "TZ_SYS_RO_APP=" + (root / "ro-apps").string(),
+            "TZ_SYS_RW_PACKAGES=" + (root / "rw-packages").string(),
+            "TZ_SYS_RO_PACKAGES=" + (root / "ro-packages").string(),
+            "HOST_DLOG_FILE=" + Log().string(),
+            "HOST_VEX_DIR=" + (root / "vex").string()};
+  }
+};
+
+// Runs a program to its end with the device's environment; the CPU seconds it took (user + system).
+double Run(const Device& device, const std::vector<std::string>& args) {
+  const pid_t pid = fork();
+  if (pid < 0) throw std::runtime_error("fork failed");
+  if (pid == 0) {
+    for (const std::string& entry : device.Environment()) putenv(strdup(entry.c_str()));
+    std::vector<char*> argv;
+    for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
+    argv.push_back(nullptr);
+    execvp(argv[0], argv.data());
+    std::perror(argv[0]);
+    _exit(127);
+  }
+  int status = 0;
+  rusage usage{};
+  if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+    throw std::runtime_error("failed: " + args.front() + " " + args.at(1) + " " + args.at(2));
+  }
+  auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+}
+
+std::vector<std::string> PluginCall(const std::string& operation, const std::string& pkgid,
+                                    const std::string& appList) {
+  return {BENCH_CALL, BENCH_PLUGIN, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
+}
+
+// ---- the device with N recorded plug-ins ------------------------------------------------------------------
+
+void Exec(sqlite3* db, const std::string& sql) {
+  char* error = nullptr;
+  if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error) != SQLITE_OK) {
+    const std::string message = error != nullptr ? error : "?";
+    sqlite3_free(error);
+    throw std::runtime_error("seeding: " + message);
+  }
+}
+
+// The plug-in creates its database (an uninstall of an unknown package does, on a fresh device); the
+// N records are then added as the plug-in would have stored them, and the backup made equal.
+Device Seed(const fs::path& root, int count) {
+  Device device{root};
+  fs::remove_all(root);
+  for (const char* dir : {"db", "rw-apps/appbinarymanager", "ro-apps", "rw-packages", "ro-packages", "vex"}) {
+    fs::create_directories(root / dir);
+  }
+  WriteFile(root / "vex" / "foreground", "TvHome0001.Main\n");
+  auto place = [&](const std::string& pkgid, const std::string& appList) {
+    WriteFile(root / "rw-packages" / (pkgid + ".xml"), Manifest(pkgid, appList));
+    fs::create_directories(device.RwApp() / pkgid / "shared" / "res");
+  };
+  for (int i = 1; i <= count; ++i) place(PackageOf(i), AppListOf(i));
+  place(kNewPackage, kNewAppList);
+  Run(device, PluginCall("uninstall", "com.korvane.tv.pepper.none", ""));
+
+  sqlite3* raw = nullptr;
+  sqlite3_open_v2(device.Db().c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
+  std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
+  Exec(db.get(), "BEGIN");
+  for (int i = 1; i <= count; ++i) {
+    const std::string pkgid = PackageOf(i);
+    std::unique_ptr<char, decltype(&sqlite3_free)> sql(
+        sqlite3_mprintf("insert into pluginTable values(%Q,'1.0.0',%Q,%Q,'',1,0,1,%Q,'')",
+                        ("bench" + Numbered(i)).c_str(), (device.RwApp() / pkgid / "shared/res/").c_str(),
+                        pkgid.c_str(), AppListOf(i).c_str()),
+        sqlite3_free);
+    Exec(db.get(), sql.get());
+  }
+  Exec(db.get(), "COMMIT");
+  db.reset();
+  fs::copy_file(device.Db(), device.Backup(), fs::copy_options::overwrite_existing);
+  fs::remove(device.Log());
+  fs::remove(device.Terminated());
+  return device;
+}
+
+Device Fresh(const Device& seeded, const fs::path& root) {
+  fs::remove_all(root);
+  fs::copy(seeded.root, root, fs::copy_options::recursive);
+  return Device{root};
+}
+
+// ---- what a run left behind ---------------------------------------------------------------------------
+
+std::string Rows(const Device& device) {
+  sqlite3* raw = nullptr;
+  sqlite3_open_v2(device.Db().c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
+  std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
+  std::string rows;
+  auto append = [](void* out, int columns, char** values, char**) {
+    for (int i = 0; i < columns; ++i) *static_cast<std::string*>(out) += (values[i] ? values[i] : "NULL") + std::string("|");
+    *static_cast<std::string*>(out) += "\n";
+    return 0;
+  };
+  sqlite3_exec(db.get(), "select * from pluginTable order by name", append, &rows, nullptr);
+  return rows;
+}
+
+struct Outcome {
+  std::string result, rows, terminated;
+  long logLines = 0;
+  bool backupEqual = false;
+};
+
+Outcome Observe(const Device& device) {
+  const std::string log = ReadFile(device.Log());
+  return {ReadFile(device.Result()), Rows(device), ReadFile(device.Terminated()),
+          static_cast<long>(std::count(log.begin(), log.end(), '\n')),
+          ReadFile(device.Db()) == ReadFile(device.Backup())};
+}
+
+// Empty when the two runs left the same; otherwise what differs.
+std::string Compare(const Outcome& plugin, const Outcome& floor, bool bare) {
+  std::string differences;
+  if (plugin.result != floor.result) differences += " result-file";
+  if (plugin.rows != floor.rows) differences += " rows";
+  if (!floor.backupEqual) differences += " backup";
+  if (!bare && plugin.terminated != floor.terminated) differences += " terminations";
+  if (!bare && plugin.logLines != floor.logLines) {
+    differences += " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(floor.logLines) + ")";
+  }
+  return differences;
+}
+
+// ---- callgrind ------------------------------------------------------------------------------------------
+
+bool IsStandIn(const std::string& object) { return object.find("/platform/host/") != std::string::npos; }
+
+bool IsPlatformFunction(const std::string& name) {
+  return name == "__dlog_print" || name == "tzplatform_getenv" || name.rfind("pkgmgrinfo_", 0) == 0 ||
+         name.rfind("vex_", 0) == 0;
+}
+
+struct Profile {
+  unsigned long long total = 0;
+  std::map<std::string, unsigned long long> selfByObject;
+  std::map<std::string, unsigned long long> platformByObject;  // platform calls, inclusive, per stand-in
+  unsigned long long Platform() const {
+    unsigned long long sum = 0;
+    for (const auto& entry : platformByObject) sum += entry.second;
+    return sum;
+  }
+};
+
+// Reads callgrind's output: self cost per object, and the inclusive cost of each platform function that
+// a stand-in defines (its own cost plus that of the calls it makes).
+Profile ReadProfile(const fs::path& path) {
+  std::ifstream in(path);
+  std::map<std::string, std::string> objects, functions;
+  auto resolve = [](std::map<std::string, std::string>& names, const std::string& spec) {
+    if (spec.empty() || spec[0] != '(') return spec;
+    const size_t close = spec.find(')');
+    const std::string id = spec.substr(0, close + 1);
+    if (close + 2 <= spec.size()) names[id] = spec.substr(close + 2);
+    return names[id];
+  };
+  Profile profile;
+  std::map<std::pair<std::string, std::string>, unsigned long long> inclusive;
+  std::string object, function;
+  bool callCost = false;
+  for (std::string line; std::getline(in, line);) {
+    if (line.rfind("ob=", 0) == 0) {
+      object = resolve(objects, line.substr(3));
+    } else if (line.rfind("cob=", 0) == 0) {
+      resolve(objects, line.substr(4));
+    } else if (line.rfind("fn=", 0) == 0) {
+      function = resolve(functions, line.substr(3));
+    } else if (line.rfind("cfn=", 0) == 0) {
+      resolve(functions, line.substr(4));
+    } else if (line.rfind("calls=", 0) == 0) {
+      callCost = true;
+    } else if (line.rfind("totals:", 0) == 0 || line.rfind("summary:", 0) == 0) {
+      profile.total = std::stoull(line.substr(line.find(':') + 1));
+    } else if (!line.empty() && (std::isdigit(static_cast<unsigned char>(line[0])) || line[0] == '+' ||
+                                 line[0] == '-' || line[0] == '*')) {
+      std::istringstream fields(line);
+      std::string position;
+      unsigned long long cost = 0;
+      fields >> position >> cost;
+      inclusive[{object, function}] += cost;
+      if (!callCost) profile.selfByObject[object] += cost;
+      callCost = false;
+    }
+  }
+  for (const auto& [where, cost] : inclusive) {
+    if (IsStandIn(where.first) && IsPlatformFunction(where.second)) profile.platformByObject[where.first] += cost;
+  }
+  return profile;
+}
+
+Profile Instructions(const Device& device, std::vector<std::string> args, const fs::path& out) {
+  args.insert(args.begin(), {"valgrind", "--tool=callgrind", "--quiet", "--callgrind-out-file=" + out.string()});
+  Run(device, args);
+  return ReadProfile(out);
+}
+
+// ---- the benchmark -----------------------------------------------------------------------------------------
+
+// A program and its arguments for the device it runs on.
+struct Variant {
+  const char* name;
+  std::function<std::vector<std::string>(const Device&)> args;
+  bool bare;
+};
+
+struct Figures {
+  double cpu = 0;  // seconds, median
+  Profile profile;
+};
+
+double Median(std::vector<double> values) {
+  std::sort(values.begin(), values.end());
+  return values[values.size() / 2];
+}
+
+struct Options {
+  std::vector<int> counts = {0, 100, 1000, 3000};
+  int runs = 7;
+  bool instructions = true;
+  fs::path dir = fs::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
+  bool keep = false;
+};
+
+std::string Ratio(double a, double b) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", b > 0 ? a / b : 0.0);
+  return text;
+}
+
+std::string Millis(double seconds) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", seconds * 1000);
+  return text;
+}
+
+std::string Millions(unsigned long long count) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.2f", count / 1e6);
+  return text;
+}
+
+std::string Percent(unsigned long long part, unsigned long long whole) {
+  char text[32];
+  std::snprintf(text, sizeof text, "%.1f%%", whole > 0 ? 100.0 * part / whole : 0.0);
+  return text;
+}
+
+// One operation at one N: every variant `runs` times, interleaved, each on a fresh copy of the device.
+std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const std::vector<Variant>& variants,
+                             bool uninstall, const Options& options, std::string& differences) {
+  std::vector<std::vector<double>> times(variants.size());
+  std::vector<Figures> figures(variants.size());
+  std::vector<Outcome> outcomes(variants.size());
+  auto prepare = [&]() {
+    Device device = Fresh(seeded, work);
+    if (uninstall) {
+      Run(device, PluginCall("install", kNewPackage, kNewAppList));
+      fs::remove(device.Log());
+      fs::remove(device.Terminated());
+    }
+    return device;
+  };
+  for (int run = 0; run < options.runs; ++run) {
+    for (size_t v = 0; v < variants.size(); ++v) {
+      const Device device = prepare();
+      times[v].push_back(Run(device, variants[v].args(device)));
+      if (run == 0) outcomes[v] = Observe(device);
+    }
+  }
+  for (size_t v = 0; v < variants.size(); ++v) {
+    figures[v].cpu = Median(times[v]);
+    if (v > 0) {
+      const std::string differ = Compare(outcomes[0], outcomes[v], variants[v].bare);
+      if (!differ.empty()) differences += std::string(" ") + variants[v].name + ":" + differ;
+    }
+    if (options.instructions) {
+      const Device device = prepare();
+      figures[v].profile = Instructions(device, variants[v].args(device), work.string() + ".callgrind");
+    }
+  }
+  return figures;
+}
+
+void PrintTable(const char* operation, const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows,
+                bool instructions) {
+  std::printf("\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor\n\n", operation);
+  std::printf("| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor |");
+  if (instructions) std::printf(" Ir plug-in | Ir floor | Ir bare floor | plug-in / floor | plug-in / bare floor | stand-ins' share |");
+  std::printf("\n|---|---|---|---|---|---|%s\n", instructions ? "---|---|---|---|---|---|" : "");
+  for (size_t i = 0; i < counts.size(); ++i) {
+    const Figures& plugin = rows[i][0];
+    const Figures& floor = rows[i][1];
+    const Figures& bare = rows[i][2];
+    std::printf("| %d | %s | %s | %s | %s | %s |", counts[i], Millis(plugin.cpu).c_str(), Millis(floor.cpu).c_str(),
+                Millis(bare.cpu).c_str(), Ratio(plugin.cpu, floor.cpu).c_str(), Ratio(plugin.cpu, bare.cpu).c_str());
+    if (instructions) {
+      const unsigned long long p = plugin.profile.total, f = floor.profile.total, b = bare.profile.total;
+      std::printf(" %s | %s | %s | %s | %s | %s |", Millions(p).c_str(), Millions(f).c_str(), Millions(b).c_str(),
+                  Ratio(p, f).c_str(), Ratio(p, b).c_str(), Percent(plugin.profile.Platform(), p).c_str());
+    }
+    std::printf("\n");
+  }
+  if (!instructions || counts.size() < 2) return;
+  std::printf("\nInstructions per recorded plug-in between successive N (plug-in, floor):");
+  for (size_t i = 1; i < counts.size(); ++i) {
+    const double span = counts[i] - counts[i - 1];
+    std::printf(" %d..%d: %.0f, %.0f;", counts[i - 1], counts[i],
+                (static_cast<double>(rows[i][0].profile.total) - rows[i - 1][0].profile.total) / span,
+                (static_cast<double>(rows[i][1].profile.total) - rows[i - 1][1].profile.total) / span);
+  }
+  std::printf("\n");
+}
+
+void PrintBreakdown(int count, const Profile& profile) {
+  std::printf("\nWhere the plug-in's install goes at N = %d (%s million instructions):\n", count,
+              Millions(profile.total).c_str());
+  std::printf("  platform calls, inclusive, per stand-in:");
+  for (const auto& [object, cost] : profile.platformByObject) {
+    std::printf(" %s %s;", fs::path(object).filename().c_str(), Percent(cost, profile.total).c_str());
+  }
+  std::printf("\n  own instructions per object:");
+  std::vector<std::pair<unsigned long long, std::string>> objects;
+  for (const auto& [object, cost] : profile.selfByObject) objects.emplace_back(cost, object);
+  std::sort(objects.rbegin(), objects.rend());
+  for (const auto& [cost, object] : objects) {
+    if (cost * 100 >= profile.total) std::printf(" %s %s;", fs::path(object).filename().c_str(), Percent(cost, profile.total).c_str());
+  }
+  std::printf("\n");
+}
+
+std::vector<int> ParseCounts(const std::string& list) {
+  std::vector<int> counts;
+  std::istringstream items(list);
+  for (std::string item; std::getline(items, item, ',');) counts.push_back(std::stoi(item));
+  return counts;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--counts" && i + 1 < argc) {
+      options.counts = ParseCounts(argv[++i]);
+    } else if (arg == "--runs" && i + 1 < argc) {
+      options.runs = std::max(1, std::atoi(argv[++i]));
+    } else if (arg == "--no-instructions") {
+      options.instructions = false;
+    } else if (arg == "--dir" && i + 1 < argc) {
+      options.dir = argv[++i];
+    } else if (arg == "--keep") {
+      options.keep = true;
+    } else {
+      std::fprintf(stderr, "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--dir DIR] [--keep]\n",
+                   argv[0]);
+      return 2;
+    }
+  }
+  std::string pattern = (options.dir / "bench_install.XXXXXX").string();
+  if (mkdtemp(&pattern[0]) == nullptr) {
+    std::perror(pattern.c_str());
+    return 1;
+  }
+  const fs::path top = pattern;
+
+  using Args = std::vector<std::string>;
+  // The bare floor is told the facts that the platform answers on the device.
+  const std::vector<Variant> install = {
+      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); }, false},
+      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "install", kNewPackage}; }, false},
+      {"bare floor",
+       [](const Device& device) {
+         return Args{BENCH_FLOOR, "install", kNewPackage, "--bare", "1.0.0", "pepperplugin",
+                     (device.RwApp() / kNewPackage).string(), kNewAppList};
+       },
+       true}};
+  const std::vector<Variant> uninstall = {
+      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); }, false},
+      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage}; }, false},
+      {"bare floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"}; }, true}};
+
+  std::vector<std::vector<Figures>> installs, uninstalls;
+  try {
+    for (int count : options.counts) {
+      std::fprintf(stderr, "N = %d: seeding...\n", count);
+      const Device seeded = Seed(top / ("device-" + std::to_string(count)), count);
+      std::string differences;
+      std::fprintf(stderr, "N = %d: install...\n", count);
+      installs.push_back(Measure(seeded, top / "work", install, false, options, differences));
+      std::fprintf(stderr, "N = %d: uninstall...\n", count);
+      uninstalls.push_back(Measure(seeded, top / "work", uninstall, true, options, differences));
+      std::printf("N = %d: floor and plug-in left %s\n", count,
+                  differences.empty() ? "the same result file, rows, backup, terminations and log line count"
+                                      : ("different:" + differences).c_str());
+      if (!options.keep) fs::remove_all(seeded.root);
+    }
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "bench_install: %s (devices under %s)\n", error.what(), top.c_str());
+    return 1;
+  }
+  PrintTable("Install", options.counts, installs, options.instructions);
+  PrintTable("Uninstall", options.counts, uninstalls, options.instructions);
+  if (options.instructions) {
+    for (size_t i = 0; i < options.counts.size(); ++i) PrintBreakdown(options.counts[i], installs[i][0].profile);
+  }
+  if (options.keep) {
+    std::fprintf(stderr, "devices kept under %s\n", top.c_str());
+  } else {
+    fs::remove_all(top);
+  }
+  return 0;
+}

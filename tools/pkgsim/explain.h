@@ -1,0 +1,54 @@
+// Plain words for what the plug-in decided in one call, drawn from its log lines of that call (its only
+// voice) and from what pkgsim knows besides: the package, the items it handed over, and the device's
+// records before and after. Nothing here decides anything in the plug-in's place: a sentence is written
+// only for a decision the log shows.
+#ifndef PKGSIM_EXPLAIN_H_
+#define PKGSIM_EXPLAIN_H_
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "log.h"
+#include "manifest.h"
+#include "plugin.h"
+#include "snapshot.h"
+
+namespace pkgsim {
+
+struct Note {
+  enum Kind {
+    kInfo,
+    kRefusal,  // why the plug-in stored (or removed) nothing
+    kWarning,  // something the platform engineer should look at
+  };
+  Kind kind;
+  std::string text;
+};
+
+// One call of the plug-in, as pkgsim made and watched it.
+struct Call {
+  Operation operation;
+  host::Manifest manifest;  // the package the call was about
+  std::string appid;
+  MetadataItems items;
+  Log log;  // the plug-in's entries of this call
+  Snapshot before;
+  Snapshot after;
+};
+
+std::vector<Note> Explain(const Call& call);
+void PrintNotes(const std::vector<Note>& notes, std::ostream& out);
+
+// What the plug-in's checks of its database found, in log order: each time it opened the database
+// (passed, restored from the backup, or created empty) and each recovery inside a statement.
+struct DatabaseEvent {
+  enum Kind { kPassed, kRestored, kCreated, kRecoveredStatement, kTruncatedCopy };
+  Kind kind;
+  std::string reason;  // why the database was found bad, when the log says
+};
+std::vector<DatabaseEvent> DatabaseEvents(const Log& log);
+
+}  // namespace pkgsim
+
+#endif  // PKGSIM_EXPLAIN_H_

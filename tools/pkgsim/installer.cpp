@@ -1,0 +1,149 @@
+#include "installer.h"
+
+#include <unistd.h>
+
+#include <filesystem>
+#include <memory>
+#include <stdexcept>
+
+#include "report.h"
+#include "scratch.h"
+
+namespace fs = std::filesystem;
+
+namespace pkgsim {
+namespace {
+
+std::string Items(std::size_t count) { return std::to_string(count) + (count == 1 ? " item" : " items"); }
+
+// The installed version of a package, kept aside so that a failed upgrade can put it back.
+class PreviousVersion {
+ public:
+  PreviousVersion(const Device& device, const std::string& pkgid) : stash_("pkgsim-previous") {
+    package_.dir = stash_.Path() + "/files";
+    package_.manifestPath = stash_.Path() + "/tizen-manifest.xml";
+    package_.manifest =
+        ReadManifestOrFail(device.Manifest(pkgid, false), "cannot read the manifest of " + pkgid);
+    std::error_code error;
+    fs::create_directory(package_.dir, error);
+    if (fs::exists(device.AppRoot(pkgid, false))) {
+      fs::copy(device.AppRoot(pkgid, false), package_.dir,
+               fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+    }
+    if (!error) fs::copy_file(device.Manifest(pkgid, false), package_.manifestPath, error);
+    if (error)
+      throw std::runtime_error("cannot keep the installed version of " + pkgid + ": " + error.message());
+  }
+  const Package& Get() const { return package_; }
+
+ private:
+  TempDir stash_;
+  Package package_;
+};
+
+}  // namespace
+
+Installer::Installer(const Device& device, std::string pluginPath, std::ostream& out)
+    : device_(device), pluginPath_(std::move(pluginPath)), out_(out) {
+  const PluginStep loadable(pluginPath_);
+}
+
+Installer::Outcome Installer::Install(const Package& package, bool preload, bool failAfterPlugin) {
+  const std::string& pkgid = package.Id();
+  const PackageState state = device_.StateOf(pkgid);
+  Outcome outcome;
+  outcome.before = Snapshot::Take(device_);
+  out_ << "install " << pkgid << " " << package.manifest.version;
+  if (preload) {
+    out_ << ": preloaded into the read-only image\n";
+  } else if (state.rw) {
+    out_ << ": upgrade of the installed " << VersionOnDevice(device_, pkgid, false) << "\n";
+  } else if (state.ro) {
+    out_ << ": update of the preloaded " << VersionOnDevice(device_, pkgid, true) << "\n";
+  } else {
+    out_ << ": new package\n";
+  }
+  std::unique_ptr<PreviousVersion> previous;
+  if (failAfterPlugin && state.rw) previous = std::make_unique<PreviousVersion>(device_, pkgid);
+
+  device_.Place(package.dir, package.manifestPath, pkgid, preload);
+  RunStep(state.Present() ? Operation::kUpgrade : Operation::kInstall, package.manifest, outcome.calls);
+  if (!failAfterPlugin) return outcome;
+
+  outcome.failed = true;
+  out_ << "a later step of the installation fails (--fail-after-plugin): the installer undoes the plug-in "
+          "step\n";
+  if (!state.Present()) {
+    RunStep(Operation::kUninstall, package.manifest, outcome.calls);
+    device_.Remove(pkgid, preload);
+    out_ << pkgid << " is removed again\n";
+  } else if (previous) {
+    // The package database reports the previous version again before the plug-in hears of it.
+    device_.Place(previous->Get().dir, previous->Get().manifestPath, pkgid, false);
+    out_ << pkgid << " is back at its previous version " << previous->Get().manifest.version << "\n";
+    RunStep(Operation::kUpgrade, previous->Get().manifest, outcome.calls);
+  } else {
+    device_.Remove(pkgid, false);
+    const host::Manifest preloaded =
+        ReadManifestOrFail(device_.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
+    out_ << pkgid << " is back at its preloaded version " << preloaded.version << "\n";
+    RunStep(Operation::kUpgrade, preloaded, outcome.calls);
+  }
+  return outcome;
+}
+
+Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
+  const PackageState state = IsSafePackageId(pkgid) ? device_.StateOf(pkgid) : PackageState{};
+  if (!state.Present()) throw std::runtime_error("unknown package: " + pkgid);
+  if (!state.rw)
+    throw std::runtime_error(pkgid + " is preloaded in the read-only image and cannot be uninstalled");
+  const host::Manifest installed =
+      ReadManifestOrFail(device_.Manifest(pkgid, false), "cannot read the manifest of " + pkgid);
+  host::Manifest preloaded;
+  if (state.ro) {
+    preloaded =
+        ReadManifestOrFail(device_.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
+  }
+
+  Outcome outcome;
+  outcome.before = Snapshot::Take(device_);
+  out_ << "uninstall " << pkgid << " " << installed.version
+       << (state.ro ? ": the update of a preloaded package\n" : "\n");
+  RunStep(Operation::kUninstall, installed, outcome.calls);
+  device_.Remove(pkgid, false);
+  if (state.ro) {
+    out_ << pkgid << " is back at its preloaded version " << preloaded.version << "\n";
+    RunStep(Operation::kUpgrade, preloaded, outcome.calls);
+  }
+  return outcome;
+}
+
+void ReportOperation(const Device& device, const Installer::Outcome& outcome, bool quiet, std::ostream& out) {
+  ReportChanges(device, outcome.before, Snapshot::Take(device), out);
+  if (!quiet) PrintLog(ReadLog(device.LogFile(), outcome.before.logSize, getpid()), out);
+}
+
+void Installer::RunStep(Operation operation, const host::Manifest& manifest, std::vector<Call>& calls) {
+  const PluginStep plugin(pluginPath_);
+  bool called = false;
+  for (const host::ManifestApp& app : manifest.apps) {
+    MetadataItems items = ItemsOfNamespace(app);
+    if (items.empty()) continue;
+    called = true;
+    Call call{operation, manifest, app.appid, std::move(items), {}, Snapshot::Take(device_), {}};
+    out_ << "calling " << EntryPointName(operation) << "(" << manifest.package << ", " << app.appid << ", "
+         << Items(call.items.size()) << ")\n";
+    const int result = plugin.Call(operation, manifest.package, app.appid, call.items);
+    if (result != 0) out_ << "  returned " << result << "\n";
+    call.after = Snapshot::Take(device_);
+    call.log = ReadLog(device_.LogFile(), call.before.logSize, getpid());
+    PrintNotes(Explain(call), out_);
+    calls.push_back(std::move(call));
+  }
+  if (!called) {
+    out_ << "no application of " << manifest.package << " has metadata of " << kNamespace
+         << ": the plug-in is not called\n";
+  }
+}
+
+}  // namespace pkgsim
