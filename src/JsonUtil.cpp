@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <memory>
 #include <sstream>
+#include <utility>
 
 namespace {
 
@@ -39,11 +40,11 @@ void AddPluginEntry(Json::Value& document, const _PluginData& record) {
   switch (record.pluginType) {
     case PEPPER_PLUGIN:
     case B2B_PEPPER_PLUGIN:
-      document["forceupdate_webapi"]["pepper"].append(entry);
+      document["forceupdate_webapi"]["pepper"].append(std::move(entry));
       break;
     case XWALK_PLUGIN:
       AppendEntryPoints(entry, record.entryPoints);
-      document["forceupdate_webapi"]["xwalk"].append(entry);
+      document["forceupdate_webapi"]["xwalk"].append(std::move(entry));
       break;
     default:
       break;
