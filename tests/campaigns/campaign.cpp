@@ -725,8 +725,8 @@ int Endure(int ops, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  sqlite3_config(SQLITE_CONFIG_MEMSTATUS,
-                 1);  // before the first use of SQLite: the endurance run measures it
+  // Before the first use of SQLite, which the endurance run measures.
+  sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 1);
   const std::string campaign = argc > 1 ? argv[1] : "", mode = argc > 2 ? argv[2] : "";
   auto number = [&](int i, long fallback) { return argc > i ? std::atol(argv[i]) : fallback; };
   unsigned long first = 0, end = 500, timeout = 10;
@@ -746,8 +746,7 @@ int main(int argc, char** argv) {
   }
   if (campaign == "endurance" && argc <= 3 && number(2, 2000) >= 1) return Endure(number(2, 2000), argv);
   std::fprintf(stderr,
-               "usage: %s crash kill|powercut|enospc [EVERY [ONLY]] | corrupt [FIRST:END [TIMEOUT]] | "
-               "endurance [OPERATIONS]\n",
+               "usage: %s crash MODE [EVERY [ONLY]] | corrupt [FIRST:END [TIMEOUT]] | endurance [OPS]\n",
                argv[0]);
   return 2;
 }
