@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev
   sqlite3 valgrind
   rpm
+  clang libclang-rt-14-dev
 )
 
 missing=()

@@ -11,7 +11,7 @@ runs every test.
 
   (no option)  everything CI runs: the plain build, the device build (-DTIZEN=ON) installed and
                checked, the same suite again under AddressSanitizer and UndefinedBehaviorSanitizer,
-               and the end-to-end suite under valgrind memcheck
+               the end-to-end suite under valgrind memcheck, and a bounded run of every fuzz target
   --quick      the plain build and its tests only
 TEXT
 }
@@ -49,6 +49,10 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
 export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
 build_and_test build-sanitize -DWUP_SANITIZE=ON
 unset ASAN_OPTIONS UBSAN_OPTIONS
+
+echo "== fuzz targets, bounded (libFuzzer, ASan+UBSan)"
+rm -rf build-fuzz/ci
+fuzz/run.sh --seconds 12 --jobs 2 --work build-fuzz/ci
 
 if ctest --test-dir build -N -L e2e 2>/dev/null | grep -q 'Total Tests: [1-9]'; then
   echo "== end-to-end suite under valgrind memcheck"

@@ -44,7 +44,7 @@ int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const M
 }
 
 Device::Device() : layout_(wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-e2e"))) {
-  layout_.Reset();
+  layout_.Create();
   // The application manager's directory exists on every device; the plug-in creates only its result one.
   wup_test::MakeDirs(layout_.rwApp + "/appbinarymanager");
 }

@@ -38,9 +38,13 @@ void SandboxLayout::Export() const {
   setenv("HOST_DLOG_FILE", log.c_str(), 1);
 }
 
+void SandboxLayout::Create() const {
+  for (const std::string* dir : {&db, &rwApp, &roApp, &rwPackages, &roPackages, &vex}) MakeDirs(*dir);
+}
+
 void SandboxLayout::Reset() const {
   RemoveTree(root);
-  for (const std::string* dir : {&db, &rwApp, &roApp, &rwPackages, &roPackages, &vex}) MakeDirs(*dir);
+  Create();
 }
 
 const SandboxLayout& Device() {

@@ -24,9 +24,10 @@ struct SandboxLayout {
   std::string log;         // HOST_DLOG_FILE
 
   static SandboxLayout At(const std::string& root);
+  void Create() const;  // every directory of the layout (not the log file)
   // Points the stand-ins of this process (and of the processes it starts) at the sandbox.
   void Export() const;
-  // Removes everything inside the sandbox and lays out every directory again (not the log file).
+  // Removes everything inside the sandbox and creates it again.
   void Reset() const;
 };
 

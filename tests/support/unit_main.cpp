@@ -36,7 +36,7 @@ int main(int argc, char** argv) {
     return RUN_ALL_TESTS();
   }
   const auto layout = wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-unit"));
-  layout.Reset();
+  layout.Create();
   layout.Export();
   unsetenv("HOST_DLOG_FILE");
   setenv("WUP_TEST_SANDBOX", layout.root.c_str(), 1);

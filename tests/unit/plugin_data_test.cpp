@@ -163,8 +163,7 @@ TEST_F(PluginDataTest, FailingPlatformCallsAreReportedOrSilentAsRequired) {
     setenv("HOST_PKGMGRINFO_FAIL", ("pkgmgrinfo_appinfo_" + c.call).c_str(), 1);
     ClearLog();
     host_pkgmgrinfo_reset_counters();
-    std::string path = "before";
-    std::string list = "before";
+    std::string path = "before", list = "before";
     EXPECT_EQ(util_.m_GetRootPath(kPepper, path), c.call == "get_metadata_value");
     util_.GetPluginType(kPepper);
     EXPECT_EQ(util_.CheckTPKofAppWhiteList(kPepper, list), c.call == "get_root_path");

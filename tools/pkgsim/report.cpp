@@ -12,10 +12,18 @@ std::string Summary(const PluginRow& row) {
 
 void ReportRows(const Snapshot& before, const Snapshot& after, std::ostream& out) {
   if (!after.dbError.empty()) out << "  database unreadable: " << after.dbError << "\n";
+  // A database restored from its backup brings the backup's records back: they are not new.
+  const bool fromBackup = !before.backupRows.empty() && after.dbExists && after.dbError.empty();
+  const PluginRows& previous = fromBackup ? before.backupRows : before.rows;
+  if (fromBackup) {
+    out << "  compared with the backup, which held " << previous.size()
+        << (previous.size() == 1 ? " record" : " records") << ": the database was "
+        << (before.dbExists ? "unreadable" : "missing") << " before\n";
+  }
   bool changed = false;
   for (const auto& [name, row] : after.rows) {
-    const auto old = before.rows.find(name);
-    if (old == before.rows.end()) {
+    const auto old = previous.find(name);
+    if (old == previous.end()) {
       out << "  + " << Summary(row) << "\n";
       changed = true;
     } else if (old->second != row) {
@@ -27,7 +35,7 @@ void ReportRows(const Snapshot& before, const Snapshot& after, std::ostream& out
       changed = true;
     }
   }
-  for (const auto& [name, row] : before.rows) {
+  for (const auto& [name, row] : previous) {
     if (after.rows.count(name) != 0) continue;
     out << "  - " << Summary(row) << "\n";
     changed = true;

@@ -36,17 +36,12 @@ bool IsRegularFile(const std::string& path, struct stat& info) {
 
 // Reads the plug-in table without taking part in the plug-in's own checks: read-only, never creating the
 // file, so looking at a device does not change it.
-void ReadRows(const std::string& path, Snapshot& snapshot) {
-  struct stat info {};
-  snapshot.dbExists = IsRegularFile(path, info);
-  if (!snapshot.dbExists) return;
+// Returns "" or why the rows could not be read.
+std::string ReadRows(const std::string& path, PluginRows& rows) {
   sqlite3* raw = nullptr;
   const int opened = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READONLY, nullptr);
   DbHandle db(raw);
-  if (opened != SQLITE_OK) {
-    snapshot.dbError = raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(opened);
-    return;
-  }
+  if (opened != SQLITE_OK) return raw != nullptr ? sqlite3_errmsg(raw) : sqlite3_errstr(opened);
   std::string sql = "SELECT ";
   for (std::size_t i = 0; i < kColumnCount; ++i) sql += std::string(i ? ", " : "") + kColumnNames[i];
   sql += " FROM pluginTable ORDER BY name";
@@ -56,16 +51,15 @@ void ReadRows(const std::string& path, Snapshot& snapshot) {
   if (prepared != SQLITE_OK) {
     const std::string error = sqlite3_errmsg(db.get());
     // A database the plug-in has not set up yet simply has no records.
-    if (error.rfind("no such table", 0) != 0) snapshot.dbError = error;
-    return;
+    return error.rfind("no such table", 0) != 0 ? error : "";
   }
   int step = SQLITE_ROW;
   while ((step = sqlite3_step(stmt.get())) == SQLITE_ROW) {
     PluginRow row;
     for (std::size_t i = 0; i < kColumnCount; ++i) row[i] = ColumnText(stmt.get(), static_cast<int>(i));
-    snapshot.rows.emplace(row[kName], row);
+    rows.emplace(row[kName], row);
   }
-  if (step != SQLITE_DONE) snapshot.dbError = sqlite3_errmsg(db.get());
+  return step != SQLITE_DONE ? sqlite3_errmsg(db.get()) : "";
 }
 
 off_t SizeOf(const std::string& path) {
@@ -82,8 +76,13 @@ std::string ReadAll(const std::string& path) {
 
 Snapshot Snapshot::Take(const Device& device) {
   Snapshot snapshot;
-  ReadRows(device.DbFile(), snapshot);
   struct stat info {};
+  snapshot.dbExists = IsRegularFile(device.DbFile(), info);
+  if (snapshot.dbExists) snapshot.dbError = ReadRows(device.DbFile(), snapshot.rows);
+  if ((!snapshot.dbExists || !snapshot.dbError.empty()) && IsRegularFile(device.BackupFile(), info)) {
+    PluginRows backup;
+    if (ReadRows(device.BackupFile(), backup).empty()) snapshot.backupRows = std::move(backup);
+  }
   if (lstat(device.ResultFile().c_str(), &info) == 0) {
     snapshot.resultExists = true;
     snapshot.resultInode = info.st_ino;

@@ -38,6 +38,9 @@ struct Snapshot {
   bool dbExists = false;
   PluginRows rows;
   std::string dbError;  // set when the database exists but cannot be read
+  // When the database is missing or unreadable: the records of its backup, which the plug-in's next
+  // open check restores if the backup is sound.
+  PluginRows backupRows;
 
   bool resultExists = false;
   // The plug-in renames a fresh file over the result, so a rewrite shows as a new inode or, when the
