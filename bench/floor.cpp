@@ -8,8 +8,9 @@
 //
 // Mandatory work, in the plug-in's order: three open checks of the database (access, size, open,
 // integrity check, table list), two full reads of the plug-in table, one write inside BEGIN EXCLUSIVE
-// and COMMIT followed by a whole-file copy over the backup and its fsync, the result document, and the
-// result file staged with open/write/fsync, renamed over, and its directory fsync'ed.
+// and COMMIT followed by a whole-file copy over the backup and its fsync, the result document built and
+// written with JsonCpp, and the result file staged with open/write/fsync, renamed over, and its directory
+// fsync'ed.
 //
 //   bench_floor install PKGID [--bare VERSION KIND ROOT APPLIST]
 //   bench_floor uninstall PKGID [--bare]
@@ -17,6 +18,7 @@
 // Only the healthy path is covered: a damaged database or a failed write ends the program with status 1.
 #include <dirent.h>
 #include <dlog.h>
+#include <json/json.h>
 #include <fcntl.h>
 #include <pkgmgr-info.h>
 #include <sqlite3.h>
@@ -29,8 +31,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <map>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -194,107 +196,33 @@ void Write(const Paths& paths, char* sql) {
   FLOOR_LOG("written");
 }
 
-// ---- the result document, as JsonCpp's default writer lays it out -------------------------------------
+// ---- the result document --------------------------------------------------------------------------
 
-void AppendHex(std::string& out, unsigned code) {
-  static const char kDigits[] = "0123456789abcdef";
-  out += "\\u";
-  for (int shift = 12; shift >= 0; shift -= 4) out += kDigits[(code >> shift) & 0xf];
-}
-
-// Control characters and everything beyond ASCII are escaped; the text is taken to be UTF-8.
-void AppendQuoted(std::string& out, const std::string& text) {
-  out += '"';
-  for (size_t i = 0; i < text.size(); ++i) {
-    const unsigned char c = static_cast<unsigned char>(text[i]);
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        if (c < 0x20) {
-          AppendHex(out, c);
-        } else if (c < 0x80) {
-          out += static_cast<char>(c);
-        } else {
-          const int extra = c >= 0xf0 ? 3 : c >= 0xe0 ? 2 : 1;
-          unsigned code = c & (0x3f >> extra);
-          for (int k = 0; k < extra && i + 1 < text.size(); ++k) code = (code << 6) | (text[++i] & 0x3f);
-          if (code < 0x10000) {
-            AppendHex(out, code);
-          } else {
-            code -= 0x10000;
-            AppendHex(out, 0xd800 + ((code >> 10) & 0x3ff));
-            AppendHex(out, 0xdc00 + (code & 0x3ff));
-          }
-        }
-    }
-  }
-  out += '"';
-}
-
-// Opens a member of an object at `depth`: the name on a new line, then " : ".
-void AppendName(std::string& out, int depth, const char* name) {
-  out += '\n';
-  out.append(depth, '\t');
-  AppendQuoted(out, name);
-  out += " : ";
-}
-
-void AppendOpen(std::string& out, int depth, char bracket) {
-  out += '\n';
-  out.append(depth, '\t');
-  out += bracket;
-}
+// The plug-in must build and write the document with JsonCpp at its default settings (the web runtime
+// reads that layout), so the floor does the same: the library's work is part of what an install cannot
+// do without.
 
 // The entry points as the web runtime reads them: split at commas, a trailing comma yields nothing.
-std::vector<std::string> EntryPoints(const std::string& joined) {
-  std::vector<std::string> pieces;
+void AppendEntryPoints(Json::Value& entry, const std::string& joined) {
   for (size_t start = 0; start < joined.size();) {
     const size_t comma = std::min(joined.find(',', start), joined.size());
-    pieces.push_back(joined.substr(start, comma - start));
+    entry["entry_points"].append(Json::Value(joined.substr(start, comma - start)));
     start = comma + 1;
   }
-  return pieces;
 }
 
-// One object of a plug-in entry (`full`) or an application entry at `depth`; members in name order.
-void AppendEntry(std::string& out, int depth, const Record& r, bool full) {
-  AppendOpen(out, depth, '{');
-  const std::vector<std::string> entryPoints = r.kind == 0 ? EntryPoints(r.entryPoints) : std::vector<std::string>();
-  if (!entryPoints.empty()) {
-    AppendName(out, depth + 1, "entry_points");
-    AppendOpen(out, depth + 1, '[');
-    for (size_t i = 0; i < entryPoints.size(); ++i) {
-      if (i > 0) out += ',';
-      out += '\n';
-      out.append(depth + 2, '\t');
-      AppendQuoted(out, entryPoints[i]);
-    }
-    AppendOpen(out, depth + 1, ']');
-    out += ',';
-  }
+// A plug-in entry (`full`) or an application entry.
+Json::Value Entry(const Record& r, bool full) {
+  Json::Value entry;
+  entry["name"] = r.name;
+  entry["path"] = r.path;
   if (full) {
-    AppendName(out, depth + 1, "forceupdate");
-    out += r.force == 1 ? "true," : "false,";
+    entry["forceupdate"] = r.force == 1;
+    entry["systempath"] = r.systemPath;
+    entry["system"] = r.location != 1;
   }
-  AppendName(out, depth + 1, "name");
-  AppendQuoted(out, r.name);
-  out += ',';
-  AppendName(out, depth + 1, "path");
-  AppendQuoted(out, r.path);
-  if (full) {
-    out += ',';
-    AppendName(out, depth + 1, "system");
-    out += r.location != 1 ? "true," : "false,";
-    AppendName(out, depth + 1, "systempath");
-    AppendQuoted(out, r.systemPath);
-  }
-  AppendOpen(out, depth, '}');
+  if (r.kind == 0) AppendEntryPoints(entry, r.entryPoints);
+  return entry;
 }
 
 const char* KindName(int kind) { return kind == 0 ? "xwalk" : (kind == 1 || kind == 2) ? "pepper" : nullptr; }
@@ -322,17 +250,12 @@ void Terminate(const std::string& appId) {
   FLOOR_LOG("terminated [%s]: %d", appId.c_str(), ret);
 }
 
-// Terminates the allow-listed applications, in record order, while it lays out the document.
+// Terminates the allow-listed applications, in record order, while it builds the document.
 std::string ResultDocument(const std::vector<Record>& records) {
-  std::map<std::string, std::string> entries;                      // kind: plug-in entries
-  std::map<std::string, std::map<std::string, std::string>> apps;  // kind: application id: entries
+  Json::Value document;
   for (const Record& r : records) {
     const char* kind = KindName(r.kind);
-    if (kind != nullptr) {
-      std::string& list = entries[kind];
-      if (!list.empty()) list += ',';
-      AppendEntry(list, 3, r, true);
-    }
+    if (kind != nullptr) document["forceupdate_webapi"][kind].append(Entry(r, true));
     if (r.appList.empty() || r.location == 0) {
       FLOOR_LOG("[%s] no applications", r.name.c_str());
       continue;
@@ -347,46 +270,13 @@ std::string ResultDocument(const std::vector<Record>& records) {
       start = comma + 1;
       FLOOR_LOG("[%s] application [%s]", r.name.c_str(), appId.c_str());
       Terminate(appId);
-      if (kind == nullptr) continue;
-      std::string& ofApp = apps[kind][appId];
-      if (!ofApp.empty()) ofApp += ',';
-      AppendEntry(ofApp, 4, r, false);
+      if (kind != nullptr) document["upgradable_webapi_applist"][kind][appId].append(Entry(r, false));
     }
   }
-  if (entries.empty()) return "null";
-
-  std::string out = "{";
-  AppendName(out, 1, "forceupdate_webapi");
-  AppendOpen(out, 1, '{');
-  for (auto it = entries.begin(); it != entries.end(); ++it) {
-    if (it != entries.begin()) out += ',';
-    AppendName(out, 2, it->first.c_str());
-    AppendOpen(out, 2, '[');
-    out += it->second;
-    AppendOpen(out, 2, ']');
-  }
-  AppendOpen(out, 1, '}');
-  if (!apps.empty()) {
-    out += ',';
-    AppendName(out, 1, "upgradable_webapi_applist");
-    AppendOpen(out, 1, '{');
-    for (auto kind = apps.begin(); kind != apps.end(); ++kind) {
-      if (kind != apps.begin()) out += ',';
-      AppendName(out, 2, kind->first.c_str());
-      AppendOpen(out, 2, '{');
-      for (auto app = kind->second.begin(); app != kind->second.end(); ++app) {
-        if (app != kind->second.begin()) out += ',';
-        AppendName(out, 3, app->first.c_str());
-        AppendOpen(out, 3, '[');
-        out += app->second;
-        AppendOpen(out, 3, ']');
-      }
-      AppendOpen(out, 2, '}');
-    }
-    AppendOpen(out, 1, '}');
-  }
-  AppendOpen(out, 0, '}');
-  return out;
+  std::ostringstream text;
+  const std::unique_ptr<Json::StreamWriter> writer(Json::StreamWriterBuilder().newStreamWriter());
+  writer->write(document, &text);
+  return text.str();
 }
 
 void SyncDirectory(const std::string& path) {
