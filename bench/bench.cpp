@@ -107,6 +107,13 @@ double Run(const Device& device, const std::vector<std::string>& args) {
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
+    // The device's installer runs with a small environment of its own, and so do the measured processes:
+    // their figures do not depend on the shell that started the benchmark (the log stand-in looks its
+    // file up in the environment on every line).
+    const char* path = std::getenv("PATH");
+    const std::string searched = path != nullptr ? path : "/usr/bin:/bin";
+    clearenv();
+    setenv("PATH", searched.c_str(), 1);
     for (const std::string& entry : device.Environment()) putenv(strdup(entry.c_str()));
     std::vector<char*> argv;
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
