@@ -31,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     wup_test::MakeDirs(dir);
     return dir;
   }();
-  wup_fuzz::WriteInput(directory + "extension.json", data, size);
+  wup_test::WriteFile(directory + "extension.json", std::string(reinterpret_cast<const char*>(data), size));
 
   PluginDataMap map;
   try {

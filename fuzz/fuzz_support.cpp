@@ -7,7 +7,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <unordered_map>
 
 namespace wup_fuzz {
@@ -53,12 +52,6 @@ void ResetLog() {
 void Fail(const std::string& what) {
   std::fprintf(stderr, "property broken: %s\n", what.c_str());
   std::abort();
-}
-
-void WriteInput(const std::string& path, const uint8_t* data, size_t size) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
-  if (!out.flush()) Fail("cannot write " + path);
 }
 
 }  // namespace wup_fuzz

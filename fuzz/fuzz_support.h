@@ -25,8 +25,6 @@ void ResetLog();
 // Reports a broken property and aborts, so that libFuzzer keeps the input as a crash.
 [[noreturn]] void Fail(const std::string& what);
 
-void WriteInput(const std::string& path, const uint8_t* data, size_t size);
-
 }  // namespace wup_fuzz
 
 #endif  // WUP_FUZZ_FUZZ_SUPPORT_H_

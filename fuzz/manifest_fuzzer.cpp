@@ -6,7 +6,7 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = wup_fuzz::Device().rwPackages + "/com.korvane.tv.pepper.fuzz.xml";
-  wup_fuzz::WriteInput(path, data, size);
+  wup_test::WriteFile(path, std::string(reinterpret_cast<const char*>(data), size));
 
   host::Manifest manifest;
   manifest.package = "untouched";
