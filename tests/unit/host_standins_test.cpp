@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 
-#include "manifest.h"
+#include "hostkit/manifest.h"
 #include "unit.h"
 
 namespace {
@@ -30,9 +30,9 @@ TEST(ManifestReader, ReadsApplicationsAndTheirMetadataInManifestOrder) {
   <ui-application-extra appid="suffix-in-the-middle"/>
   <widget-application><metadata key="no appid" value="x"/></widget-application>
 </manifest>)");
-  host::Manifest manifest;
+  hostkit::Manifest manifest;
   std::string error;
-  ASSERT_TRUE(host::ReadManifest(path, manifest, error)) << error;
+  ASSERT_TRUE(hostkit::ReadManifest(path, manifest, error)) << error;
   EXPECT_EQ(manifest.package + " " + manifest.version, "pkg 2.1.0");
   ASSERT_EQ(manifest.apps.size(), 2u);
   EXPECT_EQ(manifest.apps[0].appid, "pkg.ui");
@@ -51,7 +51,7 @@ TEST(ManifestReader, ReadsApplicationsAndTheirMetadataInManifestOrder) {
     RemoveTree(path);
     if (!content.empty()) WriteFile(path, content);
     manifest.package = "untouched";
-    EXPECT_FALSE(host::ReadManifest(path, manifest, error)) << content;
+    EXPECT_FALSE(hostkit::ReadManifest(path, manifest, error)) << content;
     EXPECT_THAT(error, AllOf(StartsWith(path + ": "), HasSubstr(reason), Not(HasSubstr("\n")))) << content;
     EXPECT_EQ(manifest.package, "untouched") << content;
   }
