@@ -66,12 +66,13 @@ void SetEnvironment(const Lines& entries) {
   }
 }
 
-CommandResult RunCommand(const Lines& argv, const Lines& environment) {
+CommandResult RunCommand(const Lines& argv, const Lines& environment, bool withErrors) {
   int pipeFds[2];
   if (pipe(pipeFds) != 0) throw std::runtime_error("pipe failed");
   const pid_t child = fork();
   if (child == 0) {
     dup2(pipeFds[1], STDOUT_FILENO);
+    if (withErrors) dup2(pipeFds[1], STDERR_FILENO);
     close(pipeFds[0]);
     close(pipeFds[1]);
     SetEnvironment(environment);

@@ -50,13 +50,13 @@ int CountOpenFds();
 struct CommandResult {
   bool exited = false;  // ended by exit (else by a signal)
   int status = -1;      // exit status, or the signal number
-  std::string output;   // what it wrote to standard output
+  std::string output;   // what it wrote to standard output (and standard error, when asked)
 };
 
 // Sets the entries "NAME=VALUE" in this process's environment ("NAME" alone unsets); runs a program to its
 // end with such entries set for it.
 void SetEnvironment(const Lines& entries);
-CommandResult RunCommand(const Lines& argv, const Lines& environment = {});
+CommandResult RunCommand(const Lines& argv, const Lines& environment = {}, bool withErrors = false);
 
 }  // namespace wup_test
 
