@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 
+#include "hostkit/fail_list.h"
 #include "hostkit/manifest.h"
 #include "unit.h"
 
@@ -84,6 +85,24 @@ std::string MetadataValue(const char* appid, const char* key) {
         return pkgmgrinfo_appinfo_get_metadata_value(app, key, value);
       },
       pkgmgrinfo_appinfo_destroy_appinfo, appid);
+}
+
+// The lists of forced failures of every stand-in: whole names, blanks around them ignored.
+TEST(FailList, NamesWholeEntriesWithBlanksAroundThemIgnored) {
+  const struct {
+    const char* list;  // nullptr: unset
+    const char* name;
+    bool listed;
+  } cases[] = {
+      {nullptr, "a", false},   {"", "a", false},          {"a", "a", true},      {"b, a", "a", true},
+      {" a\t,b", "a", true},   {"ab,ba", "a", false},     {"a b", "a", false},   {"a,,b", "", true},
+      {"a,b", "", false},      {"x,a ", "a", true},
+  };
+  for (const auto& c : cases) {
+    c.list != nullptr ? setenv("HOST_TEST_FAIL", c.list, 1) : unsetenv("HOST_TEST_FAIL");
+    EXPECT_EQ(c.listed, hostkit::Listed("HOST_TEST_FAIL", c.name)) << (c.list ? c.list : "(unset)") << " " << c.name;
+  }
+  unsetenv("HOST_TEST_FAIL");
 }
 
 class PkgmgrInfoStandIn : public ::testing::Test {
