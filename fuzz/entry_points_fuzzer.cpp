@@ -9,12 +9,10 @@
 // after the previous one), so that a finding replays alone; within an input the instances live on, as in
 // one package manager run.
 #include <fuzzer/FuzzedDataProvider.h>
-#include <glib.h>
 #include <json/json.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <sstream>
 
@@ -24,12 +22,13 @@
 #include "VersionSqliteDB.h"
 #include "WebapisUtil.h"
 #include "fuzz_support.h"
+#include "hostkit/plugin_call.h"
 #include "plugin_parser_interface.h"
 
 namespace {
 
 using Text = std::optional<std::string>;
-using EntryPoint = int (*)(const char*, const char*, GList*);
+using hostkit::EntryPoint;
 
 struct PlacedPackage {
   const char* pkgid;
@@ -146,15 +145,11 @@ struct Call {
   }
 
   int Run() const {
-    std::vector<__metadata_t> storage;
-    storage.reserve(items.size());
-    GList* list = nullptr;
+    hostkit::MetadataNodes nodes;
     for (const auto& item : items) {
-      if (item) storage.push_back({CString(item->first), CString(item->second)});
-      list = g_list_append(list, item ? &storage.back() : nullptr);
+      nodes.push_back(item ? hostkit::MetadataNode({CString(item->first), CString(item->second)}) : std::nullopt);
     }
-    const std::unique_ptr<GList, void (*)(GList*)> owner(list, g_list_free);
-    return entry(pkgid.c_str(), CString(appid), list);
+    return hostkit::CallEntryPoint(entry, pkgid.c_str(), CString(appid), nodes);
   }
 };
 
