@@ -58,7 +58,7 @@ Snapshot start;
 
 void PlaceCopy(const PlacedPackage& package, const std::string& manifests, const std::string& apps) {
   hostkit::WriteManifest(manifests, package.pkgid, "1.0.0", {package.pkgid},
-                          {{strMETADATA_TYPE_KEY, package.kind}, {strMETADATA_APPLIST_KEY, package.appList}});
+                         {{strMETADATA_TYPE_KEY, package.kind}, {strMETADATA_APPLIST_KEY, package.appList}});
   const std::string res = apps + "/" + package.pkgid + "/shared/res/";
   hostkit::MakeDirs(res);
   if (std::strcmp(package.kind, "xwalkplugin") == 0) hostkit::WriteFile(res + "fzinfo.json", kDescription);
@@ -147,7 +147,8 @@ struct Call {
   int Run() const {
     hostkit::MetadataNodes nodes;
     for (const auto& item : items) {
-      nodes.push_back(item ? hostkit::MetadataNode({CString(item->first), CString(item->second)}) : std::nullopt);
+      nodes.push_back(item ? hostkit::MetadataNode({CString(item->first), CString(item->second)})
+                           : std::nullopt);
     }
     return hostkit::CallEntryPoint(entry, pkgid.c_str(), CString(appid), nodes);
   }

@@ -14,7 +14,8 @@
 int main(int argc, char** argv) {
   const auto operation = argc >= 5 ? hostkit::OperationNamed(argv[2]) : std::nullopt;
   if (!operation) {
-    std::fprintf(stderr, "usage: %s PLUGIN.so install|upgrade|uninstall PKGID APPID [KEY=VALUE]...\n", argv[0]);
+    std::fprintf(stderr, "usage: %s PLUGIN.so install|upgrade|uninstall PKGID APPID [KEY=VALUE]...\n",
+                 argv[0]);
     return 2;
   }
   // The items are the arguments split at their first '='; one without '=' is no item.
@@ -22,7 +23,8 @@ int main(int argc, char** argv) {
   for (int i = 5; i < argc; ++i) {
     const std::string argument = argv[i];
     const size_t separator = argument.find('=');
-    if (separator != std::string::npos) items.emplace_back(argument.substr(0, separator), argument.substr(separator + 1));
+    if (separator != std::string::npos)
+      items.emplace_back(argument.substr(0, separator), argument.substr(separator + 1));
   }
   try {
     const hostkit::PluginLibrary plugin(argv[1]);

@@ -20,8 +20,8 @@ Layout Layout::At(const std::string& root) {
 }
 
 std::vector<std::string> Layout::Dirs() const {
-  return {db,         rwApp, ManagerDir(), roApp, rwPackages,
-          roPackages, vex,   std::filesystem::path(log).parent_path().string()};
+  return {db,         rwApp,      ManagerDir(), roApp,
+          rwPackages, roPackages, vex,          std::filesystem::path(log).parent_path().string()};
 }
 
 void Layout::Create() const {

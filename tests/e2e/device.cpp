@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <stdexcept>
 
-
 namespace wup_e2e {
 
 MetadataList MetadataOf(const Package& package) {
@@ -22,7 +21,8 @@ MetadataList MetadataOf(const Package& package) {
 
 Plugin::Plugin(void* library) : entries_(library, WUP_PLUGIN_LIBRARY) {}
 
-int Plugin::Call(hostkit::Operation operation, const char* pkgid, const char* appid, const MetadataList& items) {
+int Plugin::Call(hostkit::Operation operation, const char* pkgid, const char* appid,
+                 const MetadataList& items) {
   hostkit::MetadataNodes nodes;
   for (const auto& [key, value] : items) {
     nodes.push_back(key != nullptr || value != nullptr ? hostkit::MetadataNode({key, value}) : std::nullopt);
@@ -72,7 +72,8 @@ int Device::Run(const std::function<void(Plugin&)>& body, const Lines& environme
   int status = 0;
   waitpid(child, &status, 0);
   status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  if (status == kExpectationFailed) ADD_FAILURE() << "an expectation failed in the scenario's process (above)";
+  if (status == kExpectationFailed)
+    ADD_FAILURE() << "an expectation failed in the scenario's process (above)";
   return status;
 }
 

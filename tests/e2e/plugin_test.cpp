@@ -306,12 +306,14 @@ TEST(Harness, DISABLED_ExpectationFailingInTheScenarioProcess) {
 }
 
 TEST(Harness, AnExpectationFailingInTheScenarioProcessFailsTheTest) {
-  const std::string self = std::filesystem::read_symlink("/proc/self/exe");  // the program, also under valgrind
+  const std::string self =
+      std::filesystem::read_symlink("/proc/self/exe");  // the program, also under valgrind
   const wup_test::CommandResult run = wup_test::RunCommand(
       {self, "--gtest_also_run_disabled_tests", "--gtest_filter=Harness.DISABLED_ExpectationFailing*"});
   EXPECT_TRUE(run.exited && run.status == 1) << run.output;
-  for (const char* printed : {"planted in the scenario's process", "an expectation failed in the scenario's process",
-                              "[  FAILED  ] Harness.DISABLED_ExpectationFailingInTheScenarioProcess"}) {
+  for (const char* printed :
+       {"planted in the scenario's process", "an expectation failed in the scenario's process",
+        "[  FAILED  ] Harness.DISABLED_ExpectationFailingInTheScenarioProcess"}) {
     EXPECT_NE(std::string::npos, run.output.find(printed)) << printed << "\n" << run.output;
   }
 }

@@ -106,8 +106,10 @@ TEST(Constants, ComeFromThePathServiceWithAFallbackForTheWritableDirectoryOnly) 
     EXPECT_EQ(fallback, loaded.exited && loaded.status == 0) << unset << loaded.output;
     const char* const printed[] = {"[ RUN      ] Constants.DISABLED_BuiltWhenTheLibraryIsLoaded\n",
                                    "[  PASSED  ] 1 test.\n", "construction from null is not valid"};
-    for (const char* text : fallback ? std::vector(printed, printed + 2) : std::vector(printed + 2, printed + 3))
-      EXPECT_NE(std::string::npos, loaded.output.find(text)) << unset << ": no " << text << "\n" << loaded.output;
+    for (const char* text :
+         fallback ? std::vector(printed, printed + 2) : std::vector(printed + 2, printed + 3))
+      EXPECT_NE(std::string::npos, loaded.output.find(text)) << unset << ": no " << text << "\n"
+                                                             << loaded.output;
   }
 }
 

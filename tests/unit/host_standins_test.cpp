@@ -94,13 +94,14 @@ TEST(FailList, NamesWholeEntriesWithBlanksAroundThemIgnored) {
     const char* name;
     bool listed;
   } cases[] = {
-      {nullptr, "a", false},   {"", "a", false},          {"a", "a", true},      {"b, a", "a", true},
-      {" a\t,b", "a", true},   {"ab,ba", "a", false},     {"a b", "a", false},   {"a,,b", "", true},
-      {"a,b", "", false},      {"x,a ", "a", true},
+      {nullptr, "a", false}, {"", "a", false},      {"a", "a", true},    {"b, a", "a", true},
+      {" a\t,b", "a", true}, {"ab,ba", "a", false}, {"a b", "a", false}, {"a,,b", "", true},
+      {"a,b", "", false},    {"x,a ", "a", true},
   };
   for (const auto& c : cases) {
     c.list != nullptr ? setenv("HOST_TEST_FAIL", c.list, 1) : unsetenv("HOST_TEST_FAIL");
-    EXPECT_EQ(c.listed, hostkit::Listed("HOST_TEST_FAIL", c.name)) << (c.list ? c.list : "(unset)") << " " << c.name;
+    EXPECT_EQ(c.listed, hostkit::Listed("HOST_TEST_FAIL", c.name))
+        << (c.list ? c.list : "(unset)") << " " << c.name;
   }
   unsetenv("HOST_TEST_FAIL");
 }

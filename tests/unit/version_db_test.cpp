@@ -104,9 +104,8 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
                          "'app''one,app2','/usr/apps/it''s')]",
                          "Current remove sql is [delete from pluginTable where name='it''s']",
                          "Current remove sql is [delete from 'pluginTable']", "remove successfully"}));
-  EXPECT_EQ(
-      Query(Main(), "select sql from sqlite_master where type = 'table' order by name"),
-      (Lines{hostkit::kPluginTableSchema, hostkit::kVersionTableSchema}));
+  EXPECT_EQ(Query(Main(), "select sql from sqlite_master where type = 'table' order by name"),
+            (Lines{hostkit::kPluginTableSchema, hostkit::kVersionTableSchema}));
 }
 
 // The function named in the prefix of the first line that logged `message`.

@@ -42,8 +42,12 @@ class Device {
   std::string ForegroundFile() const { return layout_.ForegroundFile(); }
   std::string TerminatedFile() const { return layout_.TerminatedFile(); }
 
-  std::string Manifest(const std::string& pkgid, bool readOnly) const { return layout_.Manifest(pkgid, readOnly); }
-  std::string AppRoot(const std::string& pkgid, bool readOnly) const { return layout_.AppRoot(pkgid, readOnly); }
+  std::string Manifest(const std::string& pkgid, bool readOnly) const {
+    return layout_.Manifest(pkgid, readOnly);
+  }
+  std::string AppRoot(const std::string& pkgid, bool readOnly) const {
+    return layout_.AppRoot(pkgid, readOnly);
+  }
 
   // A device is a directory that has every directory of the layout.
   bool Exists() const;

@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "log.h"
 #include "hostkit/manifest.h"
+#include "log.h"
 #include "plugin.h"
 #include "snapshot.h"
 

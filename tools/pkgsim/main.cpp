@@ -30,10 +30,13 @@ struct Command {
   int (*run)(const Options&);
   const char* help;
 };
-const Command kCommands[] = {
-    {"init", Init, kInitHelp},           {"check", Check, kCheckHelp}, {"install", Install, kInstallHelp},
-    {"uninstall", Uninstall, kUninstallHelp}, {"show", Show, kShowHelp},   {"demo", Demo, kDemoHelp},
-    {"foreground", Foreground, kForegroundHelp}};
+const Command kCommands[] = {{"init", Init, kInitHelp},
+                             {"check", Check, kCheckHelp},
+                             {"install", Install, kInstallHelp},
+                             {"uninstall", Uninstall, kUninstallHelp},
+                             {"show", Show, kShowHelp},
+                             {"demo", Demo, kDemoHelp},
+                             {"foreground", Foreground, kForegroundHelp}};
 
 const Command* Find(const std::string& name) {
   for (const Command& command : kCommands) {

@@ -36,7 +36,8 @@ std::string NotPreloadable(const std::string& pkgid) {
 std::string VersionOnDevice(const Device& device, const std::string& pkgid, bool readOnly) {
   hostkit::Manifest manifest;
   std::string reason;
-  if (!hostkit::ReadManifest(device.Manifest(pkgid, readOnly), manifest, reason)) return "(unreadable manifest)";
+  if (!hostkit::ReadManifest(device.Manifest(pkgid, readOnly), manifest, reason))
+    return "(unreadable manifest)";
   return manifest.version;
 }
 
