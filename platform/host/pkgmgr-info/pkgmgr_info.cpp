@@ -5,9 +5,9 @@
 //   TZ_SYS_RO_PACKAGES  manifests of preloaded packages              (default /usr/share/packages)
 //   TZ_SYS_RW_APP       root of installed packages' directories      (default /opt/usr/apps)
 //   TZ_SYS_RO_APP       root of preloaded packages' directories      (default /usr/apps)
-//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names; those calls answer -1 (error) before
-//                         looking at their arguments. A forced failure of a destroy call still releases
-//                         the handle, so that provoking it never leaks.
+//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names (blanks around them ignored); those
+//                         calls answer -1 (error) before looking at their arguments. A forced failure of
+//                         a destroy call still releases the handle, so that provoking it never leaks.
 // An empty variable counts as unset.
 //
 // Package P is described by $TZ_SYS_RW_PACKAGES/P.xml, or, when there is none, by $TZ_SYS_RO_PACKAGES/P.xml
