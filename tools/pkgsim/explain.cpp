@@ -50,8 +50,9 @@ std::string ValidityFailure(const LogEntry& entry) {
     if (entry.Says(text)) return reason;
   }
   if (!entry.Says(LogText::kDbInvalid)) return "";
-  return entry.Between(LogText::kDbInvalid, LogText::kDbInvalidTables) == "1" ? "lacks its tables"
-                                                                              : "fails SQLite's integrity check";
+  return entry.Between(LogText::kDbInvalid, LogText::kDbInvalidTables) == "1"
+             ? "lacks its tables"
+             : "fails SQLite's integrity check";
 }
 
 // The plug-in's entry points log only what they were handed; any other function's line is the handler's.
@@ -178,6 +179,7 @@ class Explainer {
       inserted_.push_back(entry.Between(T::kInserted, T::kInsertedVersion));
     } else if (entry.Says(T::kInsertFailed) && !inserted_.empty()) {
       Add(Note::kWarning, "storing " + inserted_.back() + " failed: the database refused it");
+      inserted_.pop_back();  // not stored after all
     } else if (entry.Says(T::kInsertedListFailed)) {
       Refuse("the records cannot be built: the package's root path is unknown");
     } else if (entry.Says(T::kCheckFailed)) {

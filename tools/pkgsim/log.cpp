@@ -111,18 +111,25 @@ const std::vector<LogPattern>& LogPatterns() {
   return patterns;
 }
 
+bool LogPattern::Fits(const std::string& line) const {
+  const std::size_t length = std::strlen(text);
+  switch (where) {
+    case kWhole:
+      return line == text;
+    case kStart:
+      return line.compare(0, length, text) == 0;
+    case kEnd:
+      return line.size() >= length && line.compare(line.size() - length, length, text) == 0;
+    case kWithin:
+      return line.find(text) != std::string::npos;
+  }
+  return false;
+}
+
 const LogPattern* LogEntry::Match(LogText id) const {
   for (const LogPattern& pattern : LogPatterns()) {
     if (pattern.id != id || (*pattern.function != '\0' && function != pattern.function)) continue;
-    const std::string text = pattern.text;
-    const bool fits =
-        pattern.where == LogPattern::kWhole    ? message == text
-        : pattern.where == LogPattern::kStart  ? message.compare(0, text.size(), text) == 0
-        : pattern.where == LogPattern::kWithin ? message.find(text) != std::string::npos
-                                               : message.size() >= text.size() &&
-                                                     message.compare(message.size() - text.size(), text.size(),
-                                                                     text) == 0;
-    if (fits) return &pattern;
+    if (pattern.Fits(message)) return &pattern;
   }
   return nullptr;
 }

@@ -81,6 +81,9 @@ struct LogPattern {
   const char* function;  // "" for any
   Where where;
   const char* text;
+
+  // The text stands where the pattern says in `line` (a message, or a format string of the plug-in).
+  bool Fits(const std::string& line) const;
 };
 
 // Every text that pkgsim reads in the plug-in's log; nothing else in pkgsim knows one.
