@@ -69,16 +69,12 @@ TEST(LogTextsTest, EveryTextPkgsimReadsIsLoggedByItsFunction) {
   }
 }
 
-const std::string kPackage = "com.korvane.tv.pepper.mp",
-                  kItem = "[" + kPackage + "]key:[" + kTypeKey + "]value:[";
-enum Flags {
-  kNoDatabase = 1,
-  kResultMissing = 2,
-  kRewritten = 4,
-  kUninstall = 8,
-  kElsewhere = 16,
-  kCased = 32
-};
+// clang-format off
+const std::string kPackage = "com.korvane.tv.pepper.mp";
+const std::string kItem = "[" + kPackage + "]key:[" + kTypeKey + "]value:[";
+enum Flags { kNoDatabase = 1, kResultMissing = 2, kRewritten = 4, kUninstall = 8, kElsewhere = 16,
+  kCased = 32 };
+// clang-format on
 
 // The records of a snapshot: "name" or "name:isUpdate", all of the call's package.
 PluginRows Rows(const Lines& records) {
@@ -100,17 +96,20 @@ std::string Restored(const std::string& why) {
 // application that the package id does not name, their key differing from the plug-in's in case.
 TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
   // clang-format off
-  const std::string name = "GetPluginNameByID > pluginName[mp]", type = "GetPluginType > [" + kPackage + "] type is [",
-                    checked = "m_validCheck > valid check failed, integrity_verify[",
-                    tables = "], version table check[0], plugin table check[0]", backup = "m_versionCpBakUp > Backup "
-                    "versionDB.", broken = " > .AppBinaryManager.db is broken! Recover .AppBinaryManager.db from "
-                    ".AppBinaryManager_Backup.db", publish = "MakeUpgradeWebapiJson > pluginname:[",
-                    guard = "m_TerminateBGApp > ", unused = "]app whitelist empty OR Only RO TPK,ignore its applist "
-                    "value!", no = "refusal: not stored: ", nothing = no + "the plug-in stored nothing",
-                    recovered = "warning: a database statement failed: the plug-in restored the database from its "
-                    "backup and tried again", unread = "warning: the package's version cannot be read: the plug-in "
-                    "goes on with 0.0.0", cleared = "m_RewriteJson > update fail!clear DB for next boot",
-                    integrity = "fails SQLite's integrity check", busy = "busy: another process held it";
+  const std::string name = "GetPluginNameByID > pluginName[mp]", no = "refusal: not stored: ",
+      type = "GetPluginType > [" + kPackage + "] type is [", nothing = no + "the plug-in stored nothing";
+  const std::string backup = "m_versionCpBakUp > Backup versionDB.",
+      checked = "m_validCheck > valid check failed, integrity_verify[",
+      tables = "], version table check[0], plugin table check[0]",
+      broken = " > .AppBinaryManager.db is broken! Recover .AppBinaryManager.db from "
+          ".AppBinaryManager_Backup.db",
+      integrity = "fails SQLite's integrity check", busy = "busy: another process held it",
+      recovered = "warning: a database statement failed: the plug-in restored the database from its backup "
+          "and tried again";
+  const std::string publish = "MakeUpgradeWebapiJson > pluginname:[", guard = "m_TerminateBGApp > ",
+      unused = "]app whitelist empty OR Only RO TPK,ignore its applist value!",
+      unread = "warning: the package's version cannot be read: the plug-in goes on with 0.0.0",
+      cleared = "m_RewriteJson > update fail!clear DB for next boot";
   struct Case {
     int flags;
     Lines before, after;  // records
@@ -122,30 +121,35 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
           "m_validCheck > database /opt/dbspace/.AppBinaryManager.db's size is 0", backup,
           "m_validCheck > Failed to open database [/opt/dbspace/.AppBinaryManager.db], errcode [26].", backup,
           "m_validCheck > valid check, dbPath : [/db], PRAGMA integrity_check error: [26]", backup,
-          "m_validCheck > database integrity_check failed with error 11!", backup, "m_validCheck > table not "
-          "exist with r:11!", checked + "1" + tables, backup, checked + "1], version table check[1], plugin "
-          "table check[0]", backup, checked + "0" + tables, backup, "callback_db > database is lock now,can not "
-          "write/read.count is [2]", checked + "0" + tables, backup, "m_validCheck > sqlite3 busy, wait 1 sec and "
-          "try again. count is 0", checked + "0" + tables, backup, backup, "m_openDBCheck > db valid check pass"},
+          "m_validCheck > database integrity_check failed with error 11!", backup,
+          "m_validCheck > table not exist with r:11!", checked + "1" + tables, backup,
+          checked + "1], version table check[1], plugin table check[0]", backup, checked + "0" + tables,
+          backup, "callback_db > database is lock now,can not write/read.count is [2]",
+          checked + "0" + tables,
+          backup,
+          "m_validCheck > sqlite3 busy, wait 1 sec and try again. count is 0", checked + "0" + tables, backup,
+          backup, "m_openDBCheck > db valid check pass"},
        {Restored("missing"), Restored("an empty file"), Restored("cannot be opened"), Restored(integrity),
           Restored(integrity), Restored("its tables cannot be listed"), Restored("lacks its tables"),
           Restored(integrity), Restored(busy), Restored(busy), nothing}},
-      {kNoDatabase, {}, {}, {"m_validCheck > Database /db is not exist", "m_validCheck > Database /bak is not "
-          "exist", "m_openDBCheck > db and backup db are not valid, now create db", backup},
+      {kNoDatabase, {}, {}, {"m_validCheck > Database /db is not exist",
+          "m_validCheck > Database /bak is not exist",
+          "m_openDBCheck > db and backup db are not valid, now create db", backup},
        {"no database yet: the plug-in created an empty one", nothing}},
       {0, {}, {}, {"m_validCheck > database /db's size is 0", "m_validCheck > database /bak's size is 0",
           "m_openDBCheck > db and backup db are not valid, now create db", "m_getPluginDataFromPluginTable" +
           broken, backup, "m_versionCpBakUp > The copy Size is [0], invalid!", "m_recoverDBExecute" + broken},
        {"warning: the database (an empty file) and its backup were not valid: the plug-in deleted it and "
-          "created an empty one; every record it held is gone", recovered, "warning: a database copy found its "
-          "source empty and left its destination truncated", recovered, nothing}},
-      {kElsewhere, {}, {}, {"GetPluginType > get plugin type fail!", "HandleSingleTpk > check[" + kPackage + "]fail"},
-       {no + "the plug-in reads the kind from the application whose id is the package id, and the package has "
-          "no application " + kPackage + " (the metadata is on x.settings)"}},
+          "created an empty one; every record it held is gone", recovered, "warning: a database copy found "
+          "its source empty and left its destination truncated", recovered, nothing}},
+      {kElsewhere, {}, {}, {"GetPluginType > get plugin type fail!", "HandleSingleTpk > check[x]fail"},
+       {no + "the plug-in reads the kind from the application whose id is the package id, and the package "
+          "has no application " + kPackage + " (the metadata is on x.settings)"}},
       {0, {}, {}, {"m_CheckTPKByMetadata > [" + kPackage + "] NO <" + kTypeKey + "> metadata",
-          "GetPluginType > get plugin type fail!"}, {no + "application " + kPackage + " has no " + kTypeKey +
-          " metadata"}},
-      {0, {}, {}, {"GetPluginType > get plugin type fail!"}, {no + "the kind of " + kPackage + " cannot be read"}},
+          "GetPluginType > get plugin type fail!"},
+       {no + "application " + kPackage + " has no " + kTypeKey + " metadata"}},
+      {0, {}, {}, {"GetPluginType > get plugin type fail!"},
+       {no + "the kind of " + kPackage + " cannot be read"}},
       {0, {}, {}, {"m_CheckTPKByMetadata > " + kItem + "pepper]", type + "99]"},
        {no + "kind \"pepper\" is none of pepperplugin, b2bpepperplugin, xwalkplugin"}},
       {0, {}, {}, {"GetPluginNameByID > invalid pkgid:[x]"},
@@ -157,80 +161,93 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
       {0, {}, {}, {"m_checkTpk > Get the inserted list fail"},
        {no + "the records cannot be built: the package's root path is unknown"}},
       {0, {}, {}, {"GetTPKVersionByID > get [x] version fail!!"}, {unread, nothing}},
-      {kResultMissing | kRewritten, {}, {}, {"GetTPKVersionByID > get [x] info fail!!", "m_CheckTPKByMetadata > " +
-          kItem + "pepperplugin]", type + "1]", name, "m_checkTpk > tpkVersion[0.0.0], localVersion[0.0.0]",
-          "m_checkTpk > tpkVersion == localVersion"},
+      {kResultMissing | kRewritten, {}, {}, {"GetTPKVersionByID > get [x] info fail!!",
+          "m_CheckTPKByMetadata > " + kItem + "pepperplugin]", type + "1]", name,
+          "m_checkTpk > tpkVersion[0.0.0], localVersion[0.0.0]", "m_checkTpk > tpkVersion == localVersion"},
        {unread, "kind pepper (\"pepperplugin\"), plug-in name mp", no + "version 0.0.0 is what the plug-in "
-          "assumes for a plug-in it has no record of", "result file rewritten from 0 records (it was missing)"}},
+          "assumes for a plug-in it has no record of",
+          "result file rewritten from 0 records (it was missing)"}},
       {kRewritten, {"mp"}, {"mp"}, {"m_checkTpk > tpkVersion[1.2.0], localVersion[1.2.0]",
           "m_checkTpk > tpkVersion == localVersion"}, {no + "version 1.2.0 equals the recorded one",
           "result file rewritten from 1 record (a rewrite was still pending in this process)"}},
       {kRewritten, {"mp"}, {"mp"}, {type + "1]", name, "m_checkTpk > tpkVersion[1.3.0], localVersion[1.2.0]",
           "m_GetRootPath > [x]'s root path:[/apps/mp]", "MakeInsertedMap > INSTALLED_ONLY_RW!",
           "m_checkTpk > insert new data:name[mp]version[1.3.0]path[]", publish + "mp]tizenid:[A.app]",
-          guard + "vex_terminate_app [A.app] success", publish + "mp]tizenid:[B.app]", guard + "B.app is at "
-          "foreground", publish + "mp]tizenid:[]", guard + "vex_get_current_showing_app failed", publish +
-          "mp]tizenid:[C.app]", guard + "vex_get_app_info failed", publish + "mp]tizenid:[D.app]", guard +
-          "vex_terminate_app [D.app] fail", publish + "tv]tizenid:[A.app]", guard + "vex_terminate_app [A.app] "
-          "success", publish + "tv]tizenid:[E.app]", guard + "vex_terminate_app [E.app] success"},
+          guard + "vex_terminate_app [A.app] success", publish + "mp]tizenid:[B.app]",
+          guard + "B.app is at foreground", publish + "mp]tizenid:[]",
+          guard + "vex_get_current_showing_app failed",
+          publish + "mp]tizenid:[C.app]", guard + "vex_get_app_info failed", publish + "mp]tizenid:[D.app]",
+          guard + "vex_terminate_app [D.app] fail", publish + "tv]tizenid:[A.app]",
+          guard + "vex_terminate_app [A.app] success", publish + "tv]tizenid:[E.app]",
+          guard + "vex_terminate_app [E.app] success"},
        {"kind pepper (\"\"), plug-in name mp", "installed in the writable area only (isUpdate 1): /apps/mp",
           "stored mp: version 1.3.0 replaces the recorded 1.2.0", "result file rewritten from 1 record; each "
-          "rewrite terminates the allow-listed applications of every record:", "  A.app terminated 2 times: "
-          "allow-listed by mp, tv", "  B.app kept running: it is in the foreground (allow-listed by mp)",
-          "  \"\" (an empty id, from a stray comma in an allow-list) not terminated: the foreground application "
-          "could not be determined", "  C.app not terminated: the foreground application could not be "
-          "determined", "  D.app not terminated: vex_terminate_app failed", "  E.app terminated: allow-listed "
-          "by tv"}},
+          "rewrite terminates the allow-listed applications of every record:",
+          "  A.app terminated 2 times: allow-listed by mp, tv",
+          "  B.app kept running: it is in the foreground (allow-listed by mp)",
+          "  \"\" (an empty id, from a stray comma in an allow-list) not terminated: the foreground "
+          "application could not be determined",
+          "  C.app not terminated: the foreground application could not be determined",
+          "  D.app not terminated: vex_terminate_app failed", "  E.app terminated: allow-listed by tv"}},
       {kRewritten, {}, {"mp:0"}, {type + "1]", name, "m_checkTpk > tpkVersion[1.0.0], localVersion[0.0.0]",
-          "m_GetRootPath > [x]'s root path:[/ro/mp]", "MakeInsertedMap > INSTALLED_ONLY_RO!", "m_checkTpk > "
-          "insert new data:name[mp]version[1.0.0]", "MakeUpgradeWebapiJson > [mp" + unused},
+          "m_GetRootPath > [x]'s root path:[/ro/mp]", "MakeInsertedMap > INSTALLED_ONLY_RO!",
+          "m_checkTpk > insert new data:name[mp]version[1.0.0]", "MakeUpgradeWebapiJson > [mp" + unused},
        {"kind pepper (\"\"), plug-in name mp", "installed in the read-only image only (isUpdate 0): /ro/mp",
-          "allow-list of mp not used: it is in the read-only image only", "stored mp: version 1.0.0, no record "
-          "of mp before", "result file rewritten from 1 record"}},
+          "allow-list of mp not used: it is in the read-only image only",
+          "stored mp: version 1.0.0, no record of mp before", "result file rewritten from 1 record"}},
       {0, {}, {}, {type + "1]", name, "m_checkTpk > insert new data:name[mp]version[1.0.0]",
           "InsertPluginData > insert into pluginTable fail!!"},
-       {"kind pepper (\"\"), plug-in name mp", "warning: storing mp failed: the database refused it", nothing}},
+       {"kind pepper (\"\"), plug-in name mp", "warning: storing mp failed: the database refused it",
+          nothing}},
       // An xwalk package's records are named after the extensions that its description files describe.
-      {kRewritten, {}, {"tv.audio:2"}, {type + "0]", name, "m_checkTpk > tpkVersion[2.0.1], localVersion[0.0.0]",
-          "m_GetRootPath > [x]'s root path:[/apps/mp]", "MakeInsertedMap > INSTALLED_BOTH_RO_RW!", "GetXwalkInfo > "
-          "GetXwalkInfo,path = /res/", "GetXwalkInfo > strFile = /res/a.json", "m_ParseXwalkJsonFile > "
-          "m_ParseXwalkJsonFile, path = /res/a.json", "GetXwalkInfo > strFile = /res/b.json",
-          "m_ParseXwalkJsonFile > open /res/b.json fail", "GetXwalkInfo > strFile = /res/c.json",
-          "m_ParseXwalkJsonFile > file:[/res/c.json],err:[* Line 6, Column 1\n  Missing ',' or ']' in array "
-          "declaration\n]", "GetXwalkInfo > strFile = /res/d.json", "m_ParseXwalkJsonFile > file:[/res/d.json] "
-          "holds no array of extensions, skipped", "GetXwalkInfo > strFile = /res/e.json", "m_ParseXwalkJsonFile > "
-          "file:[/res/e.json] element 2 is not an extension description, skipped", "m_checkTpk > insert new "
-          "data:name[tv.audio]version[2.0.1]", "MakeUpgradeWebapiJson > [tv.audio" + unused},
-       {"kind xwalk (\"\"), plug-in name mp", "installed in the writable area, over a preloaded copy (isUpdate 2): "
-          "/apps/mp", "warning: e.json: element 2 is not an extension description, skipped", "read a.json, "
-          "e.json", "warning: skipped b.json: it cannot be opened", "warning: skipped c.json: Line 6, Column 1: "
-          "Missing ',' or ']' in array declaration", "warning: skipped d.json: it holds no array of extensions",
-          "allow-list of tv.audio not used: it is empty", "stored tv.audio: version 2.0.1, compared with 0.0.0 "
-          "as no record is named mp: an xwalk package is stored again at every install", "result file "
-          "rewritten from 1 record"}},
+      {kRewritten, {}, {"tv.audio:2"}, {type + "0]", name,
+          "m_checkTpk > tpkVersion[2.0.1], localVersion[0.0.0]", "m_GetRootPath > [x]'s root path:[/apps/mp]",
+          "MakeInsertedMap > INSTALLED_BOTH_RO_RW!", "GetXwalkInfo > GetXwalkInfo,path = /res/",
+          "GetXwalkInfo > strFile = /res/a.json",
+          "m_ParseXwalkJsonFile > m_ParseXwalkJsonFile, path = /res/a.json",
+          "GetXwalkInfo > strFile = /res/b.json", "m_ParseXwalkJsonFile > open /res/b.json fail",
+          "GetXwalkInfo > strFile = /res/c.json", "m_ParseXwalkJsonFile > file:[/res/c.json],err:[* Line 6, "
+          "Column 1\n  Missing ',' or ']' in array declaration\n]", "GetXwalkInfo > strFile = /res/d.json",
+          "m_ParseXwalkJsonFile > file:[/res/d.json] holds no array of extensions, skipped",
+          "GetXwalkInfo > strFile = /res/e.json",
+          "m_ParseXwalkJsonFile > file:[/res/e.json] element 2 is not an extension description, skipped",
+          "m_checkTpk > insert new data:name[tv.audio]version[2.0.1]",
+          "MakeUpgradeWebapiJson > [tv.audio" + unused},
+       {"kind xwalk (\"\"), plug-in name mp",
+          "installed in the writable area, over a preloaded copy (isUpdate 2): /apps/mp",
+          "warning: e.json: element 2 is not an extension description, skipped", "read a.json, e.json",
+          "warning: skipped b.json: it cannot be opened",
+          "warning: skipped c.json: Line 6, Column 1: Missing ',' or ']' in array declaration",
+          "warning: skipped d.json: it holds no array of extensions",
+          "allow-list of tv.audio not used: it is empty", "stored tv.audio: version 2.0.1, compared with "
+          "0.0.0 as no record is named mp: an xwalk "
+          "package is stored again at every install", "result file rewritten from 1 record"}},
       {0, {}, {}, {type + "0]", name, "GetXwalkInfo > GetXwalkInfo,path = /res/"},
-       {"kind xwalk (\"\"), plug-in name mp", no + "no description file of the package describes an extension"}},
+       {"kind xwalk (\"\"), plug-in name mp",
+          no + "no description file of the package describes an extension"}},
       {0, {}, {}, {type + "0]", name, "MakeInsertedMap > get xwalk extension info fail, path = /res/",
           "m_checkTpk > Get the inserted list fail"},
        {"kind xwalk (\"\"), plug-in name mp", no + "the package's shared/res/ directory cannot be read"}},
-      {kCased, {}, {}, {"PKGMGR_MDPARSER_PLUGIN_INSTALL > METADATA INSTALL", "PKGMGR_MDPARSER_PLUGIN_INSTALL > "
-          "finish"}, {"refusal: not handled: no item has the key " + kTypeKey + " exactly (" + kNamespace +
+      {kCased, {}, {}, {"PKGMGR_MDPARSER_PLUGIN_INSTALL > METADATA INSTALL",
+          "PKGMGR_MDPARSER_PLUGIN_INSTALL > finish"},
+       {"refusal: not handled: no item has the key " + kTypeKey + " exactly (" + kNamespace +
           "Upgradable_webapi_type differs in case)"}},
       {kUninstall | kRewritten, {"mp"}, {}, {name}, {"removed mp", "result file rewritten from 0 records"}},
       {kUninstall, {}, {}, {name}, {"refusal: removed nothing: no record is named mp"}},
-      {kUninstall, {"mp", "mp.a"}, {"mp.a"}, {name}, {"warning: removed mp; the record mp.a of this package stays"}},
+      {kUninstall, {"mp", "mp.a"}, {"mp.a"}, {name},
+       {"warning: removed mp; the record mp.a of this package stays"}},
       {kUninstall, {"mp"}, {"mp"}, {name, "RemoveTpk > remove DB record fail"},
        {"refusal: removed nothing: the database refused the deletion"}},
   };
   // A failure to write the result file, named when logged, then the clearing of the records.
-  for (const std::string& failure : Lines
-       {"", "m_IsFileSymbolLink > path [/r] is a symbol link! there's security risk!", "m_IsFileSymbolLink > "
-        "lstat [/r] fail", "m_WriteUpgradeWebapiToLocal > write json to local path[/r] fail!", "m_RenameFile > "
-        "rename[/t] to[/r] fail!errno [28,No space,]", "m_CreateDirectory > Dest Path [/d] failed to create!"}) {
+  for (const std::string& failure : Lines{"", "m_IsFileSymbolLink > path [/r] is a symbol link! there's "
+           "security risk!", "m_IsFileSymbolLink > lstat [/r] fail", "m_WriteUpgradeWebapiToLocal > write "
+           "json to local path[/r] fail!", "m_RenameFile > rename[/t] to[/r] fail!errno [28,No space,]",
+           "m_CreateDirectory > Dest Path [/d] failed to create!"}) {
     const std::string named = failure.empty() ? "" : " (" + failure.substr(failure.find(" > ") + 3) + ")";
-    cases.push_back({0, {}, {}, {failure.empty() ? cleared : failure, cleared}, {nothing, "warning: the result "
-        "file could not be written" + named + ": the plug-in deleted all its records, so that every package is "
-        "stored again later"}});
+    cases.push_back({0, {}, {}, {failure.empty() ? cleared : failure, cleared}, {nothing, "warning: the "
+        "result file could not be written" + named + ": the plug-in deleted all its records, so that every "
+        "package is stored again later"}});
   }
   // clang-format on
   const std::string dir = wup_test::MakeTempDir("pkgsim-explain"), path = dir + "/log";
