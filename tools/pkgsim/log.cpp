@@ -55,8 +55,10 @@ const std::vector<LogPattern>& LogPatterns() {
       {T::kDbInvalidTables, "m_validCheck", P::kWithin, "], version table check["},
       {T::kBackupCopy, "m_versionCpBakUp", P::kWhole, "Backup versionDB."},
       {T::kCopyTruncated, "m_versionCpBakUp", P::kEnd, "], invalid!"},
-      {T::kStatementRecovered, "m_getPluginDataFromPluginTable", P::kStart, ".AppBinaryManager.db is broken!"},
-      {T::kStatementRecovered, "m_recoverDBExecute", P::kStart, ".AppBinaryManager.db is broken!"},
+      {T::kStatementRecovered, "m_getPluginDataFromPluginTable", P::kStart,
+       ".AppBinaryManager.db is broken!"},
+      {T::kStatementRecovered, "m_recoverDBExecute", P::kStart,
+       ".AppBinaryManager.db is broken!"},
 
       {T::kNoMetadata, "m_CheckTPKByMetadata", P::kWithin, "] NO <"},
       {T::kNoMetadataEnd, "m_CheckTPKByMetadata", P::kEnd, "> metadata"},
