@@ -232,10 +232,14 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
           "PKGMGR_MDPARSER_PLUGIN_INSTALL > finish"},
        {"refusal: not handled: no item has the key " + kTypeKey + " exactly (" + kNamespace +
           "Upgradable_webapi_type differs in case)"}},
+      {0, {}, {}, {"PKGMGR_MDPARSER_PLUGIN_INSTALL > finish"},
+       {"refusal: not handled: no item has the key " + kTypeKey + " exactly"}},
       {kUninstall | kRewritten, {"mp"}, {}, {name}, {"removed mp", "result file rewritten from 0 records"}},
       {kUninstall, {}, {}, {name}, {"refusal: removed nothing: no record is named mp"}},
       {kUninstall, {"mp", "mp.a"}, {"mp.a"}, {name},
        {"warning: removed mp; the record mp.a of this package stays"}},
+      {kUninstall, {"mp", "mp.a", "mp.b"}, {"mp.a", "mp.b"}, {name},
+       {"warning: removed mp; the records mp.a, mp.b of this package stay"}},
       {kUninstall, {"mp"}, {"mp"}, {name, "RemoveTpk > remove DB record fail"},
        {"refusal: removed nothing: the database refused the deletion"}},
   };
