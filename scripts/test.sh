@@ -36,17 +36,11 @@ build_tree() {
   cmake --build "$dir" -j "$jobs"
 }
 
-# ctest in a tree (ctest --test-dir needs CMake 3.20; the project builds with 3.16).
-ctest_in() {
-  local dir=$1; shift
-  (cd "$dir" && ctest "$@")
-}
-
 # Fails when the selection (ctest options) holds no test: a stage that runs nothing has proved nothing.
 require_tests() {
   local dir=$1; shift
   local total
-  total=$(ctest_in "$dir" -N "$@" | sed -n 's/^Total Tests: //p')
+  total=$(ctest --test-dir "$dir" -N "$@" | sed -n 's/^Total Tests: //p')
   if [ "${total:-0}" -eq 0 ]; then
     echo "no test in $dir matches: $*" >&2
     return 1
@@ -60,7 +54,7 @@ build_plain() {
 
 stage_plain() {
   build_plain
-  ctest_in build --output-on-failure -j "$jobs"
+  ctest --test-dir build --output-on-failure -j "$jobs"
 }
 
 stage_device() {
@@ -77,7 +71,7 @@ stage_sanitize() (
   export ASAN_OPTIONS=detect_leaks=1:abort_on_error=0:halt_on_error=1
   export UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1
   build_tree build-sanitize -DWUP_SANITIZE=ON
-  ctest_in build-sanitize --output-on-failure -j "$jobs"
+  ctest --test-dir build-sanitize --output-on-failure -j "$jobs"
 )
 
 stage_fuzz() {
@@ -88,7 +82,7 @@ stage_fuzz() {
 stage_memcheck() {
   build_plain >/dev/null
   require_tests build -L e2e
-  WUP_MEMCHECK=1 ctest_in build --output-on-failure -L e2e
+  WUP_MEMCHECK=1 ctest --test-dir build --output-on-failure -L e2e
 }
 
 # The device build and the .spec's builds compile the plain build's sources again, in other directories:
