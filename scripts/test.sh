@@ -79,13 +79,14 @@ stage_memcheck() {
   WUP_MEMCHECK=1 run_tests build -L e2e
 }
 
-# The device build and the .spec's builds compile the plain build's sources again, in other directories:
-# with ccache, paths relative to the checkout and the directory left out of the hash, they reuse its
-# objects.
+# The device build and the .spec's builds compile the plain build's sources again, in other directories
+# and, under rpmbuild, with LANG=C: with ccache, paths relative to the checkout, and neither the directory
+# nor the locale in the hash, they reuse its objects.
 if command -v ccache >/dev/null; then
   export CMAKE_C_COMPILER_LAUNCHER=${CMAKE_C_COMPILER_LAUNCHER:-ccache}
   export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
   export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$PWD} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-true}
+  export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:+$CCACHE_SLOPPINESS,}locale
 fi
 
 stages=()
