@@ -114,8 +114,8 @@ int ExecWaiting(sqlite3* db, const char* sql, SqliteText& error) {
 bool WaitWhileHeld(const char* path) {
   struct stat st;
   if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size == 0) return true;
-  Connection db;
-  if (Open(path, SQLITE_OPEN_READONLY, db) != SQLITE_OK) return true;
+  Connection db;  // opened as the validity check opens it; it only reads
+  if (Open(path, SQLITE_OPEN_READWRITE, db) != SQLITE_OK) return true;
   SqliteText error;
   return ExecWaiting(db.get(), "select count(*) from sqlite_master", error) != SQLITE_BUSY;
 }
