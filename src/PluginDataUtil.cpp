@@ -7,13 +7,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "PluginPolicy.h"
-
 #include <cerrno>
 #include <exception>
 #include <memory>
 #include <sstream>
 #include <type_traits>
+
+#include "PluginPolicy.h"
 
 namespace {
 

@@ -55,8 +55,9 @@ const char kVersionTableSchema[] =
 constexpr int kMaxBusyRetries = 2;
 
 // The plug-in table's columns, in order: a table of that name with others is not the plug-in's.
-const char* const kPluginColumns[] = {"name",     "version",          "path",     "pkgid",        "entryPoints",
-                                      "pluginType", "hasForceMetaData", "isUpdate", "appWhiteList", "systemPath"};
+const char* const kPluginColumns[] = {
+    "name",       "version",          "path",     "pkgid",        "entryPoints",
+    "pluginType", "hasForceMetaData", "isUpdate", "appWhiteList", "systemPath"};
 
 // Calls in which the busy handler gave up: the hardened open check tells a busy file from a damaged one
 // by whether this moved during the check.
@@ -404,7 +405,8 @@ bool VersionSqliteDB::m_openDBCheck() {
   }
   if constexpr (kPluginPolicy.waitForBusyDatabase) {
     if (held || g_busyGiveUps != busyGiveUps) {
-      PLUGIN_LOG("database [%s] stays busy: neither file restored nor created, the call gives up", VERSION_DB);
+      PLUGIN_LOG("database [%s] stays busy: neither file restored nor created, the call gives up",
+                 VERSION_DB);
       return false;
     }
   }

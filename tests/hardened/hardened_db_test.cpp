@@ -94,7 +94,8 @@ TEST_F(HardenedDb, ACopyThatCannotBeCompletedLeavesItsDestinationAndFails) {
     EXPECT_EQ(ReadFile(dest), "older copy");
     EXPECT_FALSE(PathExists(staging));
   }
-  EXPECT_TRUE(LogHas("copy of [" + source + "] to [" + dest + "] not completed, [" + dest + "] left as it was"));
+  EXPECT_TRUE(
+      LogHas("copy of [" + source + "] to [" + dest + "] not completed, [" + dest + "] left as it was"));
 
   // A complete copy replaces the destination whole; a link left at the staging path is not written through.
   ASSERT_EQ(symlink(victim.c_str(), staging.c_str()), 0);
@@ -126,7 +127,8 @@ TEST_F(HardenedDb, ADatabaseHeldByAnotherProcessIsWaitedForAndNeverRestored) {
     ClearLog();
     EXPECT_FALSE(db_.InsertPluginData(record));
   }
-  EXPECT_TRUE(LogHas("database [" + Main() + "] stays busy: neither file restored nor created, the call gives up"));
+  EXPECT_TRUE(
+      LogHas("database [" + Main() + "] stays busy: neither file restored nor created, the call gives up"));
   EXPECT_FALSE(LogHas(kBroken));
   EXPECT_FALSE(LogHas("db and backup db are not valid, now create db"));
   EXPECT_EQ(ReadFile(Main()), before);
@@ -136,7 +138,8 @@ TEST_F(HardenedDb, ADatabaseHeldByAnotherProcessIsWaitedForAndNeverRestored) {
 TEST_F(HardenedDb, APluginTableOfAnotherShapeCountsAsDamaged) {
   Query(Main(), "drop table pluginTable; create table pluginTable(name TEXT PRIMARY KEY, version TEXT)");
   EXPECT_FALSE(db_.m_validCheck(VERSION_DB));
-  EXPECT_TRUE(LogHas(Main() + " DB : pluginTable has other columns than the plug-in's own, counted as damaged"));
+  EXPECT_TRUE(
+      LogHas(Main() + " DB : pluginTable has other columns than the plug-in's own, counted as damaged"));
   EXPECT_THAT(List(), ElementsAre("kept")) << "restored from the backup";
   EXPECT_TRUE(db_.m_validCheck(VERSION_DB));
 }

@@ -48,14 +48,16 @@ TEST(Hardened, APackageIsStoredWholeOrNotAtAll) {
   ASSERT_EQ(0, device.Install(Pepper("kept")));
   // The database refuses the second extension, in the main file and in the backup alike.
   for (const std::string& file : {device.DatabasePath(), device.BackupPath()}) {
-    Query(file, "create trigger refuse before insert on pluginTable when new.name = 'ambient.light'"
-                " begin select raise(abort, 'refused'); end");
+    Query(file,
+          "create trigger refuse before insert on pluginTable when new.name = 'ambient.light'"
+          " begin select raise(abort, 'refused'); end");
   }
   ASSERT_EQ(0, device.Install(Ambient()));
   EXPECT_EQ(Lines{"kept"}, Names(device.Rows())) << "none of the package's records, not the first alone";
 
   // Once the database takes them, the next call stores the whole package: its version was never recorded.
-  for (const std::string& file : {device.DatabasePath(), device.BackupPath()}) Query(file, "drop trigger refuse");
+  for (const std::string& file : {device.DatabasePath(), device.BackupPath()})
+    Query(file, "drop trigger refuse");
   ASSERT_EQ(0, device.Install(Ambient()));
   EXPECT_EQ((Lines{"ambient", "ambient.light", "kept"}), Names(device.Rows()));
 }
@@ -92,7 +94,8 @@ TEST(Hardened, AFailedResultWriteKeepsTheRecordsAndTheNextCallWritesTheFile) {
   wup_test::MakeDirs(staging);  // the staging file cannot be opened
   device.ClearLog();
   ASSERT_EQ(0, device.Install(second));
-  EXPECT_TRUE(Has(device.Log(), "update fail!records kept, the result file is written again at the next call"));
+  EXPECT_TRUE(
+      Has(device.Log(), "update fail!records kept, the result file is written again at the next call"));
   EXPECT_EQ((Lines{"first", "second"}), Names(device.Rows()));
   EXPECT_EQ(published, device.ResultFile());
 
