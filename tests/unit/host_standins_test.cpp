@@ -176,9 +176,6 @@ TEST_F(PkgmgrInfoStandIn, MetadataFilterWalksTheApplicationsThatCarryTheKey) {
   EXPECT_THAT(walk("x", 0), ElementsAre("pre", "pre"));
   EXPECT_THAT(walk(nullptr, 1), ElementsAre("inst"));
   EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 3);
-  setenv("HOST_PKGMGRINFO_FAIL", "pkgmgrinfo_appinfo_metadata_filter_create", 1);
-  pkgmgrinfo_appinfo_metadata_filter_h filter = nullptr;
-  EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_create(&filter), PMINFO_R_ERROR);
 }
 
 }  // namespace
