@@ -13,6 +13,8 @@ namespace pkgsim {
 namespace {
 
 const char kStagingSuffix[] = ".pkgsim-new";
+const char kOwner[] = "owner";
+constexpr unsigned kOwnerUid = 5001;
 const char kRetiredSuffix[] = ".pkgsim-old";
 
 [[noreturn]] void Fail(const std::string& what, const fs::path& path, const std::error_code& error) {
@@ -71,9 +73,14 @@ void CollectManifests(const std::string& dir, bool readOnly, std::map<std::strin
 
 }  // namespace
 
+std::string Device::UserHome(unsigned uid) const {
+  return root_ + "/opt/usr/home/" + (uid == kOwnerUid ? kOwner : "user" + std::to_string(uid));
+}
+
 std::vector<std::string> Device::LayoutDirs() const {
-  return {DbDir(),         RwAppDir(),      ManagerDir(), RoAppDir(),
-          RwPackagesDir(), RoPackagesDir(), VexDir(),     fs::path(LogFile()).parent_path().string()};
+  return {DbDir(),           RwAppDir(),          ManagerDir(), RoAppDir(),
+          RwPackagesDir(),   RoPackagesDir(),     VexDir(),     fs::path(LogFile()).parent_path().string(),
+          RegistrationDir(), MetadataPluginDir()};
 }
 
 bool Device::Exists() const {
@@ -99,6 +106,8 @@ void Device::Export() const {
   setenv("TZ_SYS_RO_PACKAGES", RoPackagesDir().c_str(), 1);
   setenv("HOST_VEX_DIR", VexDir().c_str(), 1);
   setenv("HOST_DLOG_FILE", LogFile().c_str(), 1);
+  // The installer, and so the plug-in, runs as root, whatever user runs pkgsim.
+  setenv("HOST_PKGMGRINFO_UID", "0", 1);
 }
 
 PackageState Device::StateOf(const std::string& pkgid) const {
@@ -113,6 +122,8 @@ void Device::Place(const std::string& packageDir, const std::string& manifestPat
   // Files first, manifest last: the package-information service must never see a package whose files
   // are not there yet.
   ReplaceTree(packageDir, AppRoot(pkgid, readOnly));
+  std::error_code error;
+  fs::create_directories(fs::path(Manifest(pkgid, readOnly)).parent_path(), error);
   ReplaceFile(manifestPath, Manifest(pkgid, readOnly));
 }
 
@@ -128,6 +139,28 @@ std::vector<std::pair<std::string, PackageState>> Device::Packages() const {
   CollectManifests(RwPackagesDir(), false, packages);
   CollectManifests(RoPackagesDir(), true, packages);
   return {packages.begin(), packages.end()};
+}
+
+Device::UserPackageList Device::UserPackages() const {
+  std::map<unsigned, std::map<std::string, PackageState>> users;
+  std::error_code error;
+  for (const fs::directory_entry& home : fs::directory_iterator(fs::path(UserHome(kOwnerUid)).parent_path(), error)) {
+    const std::string name = home.path().filename().string();
+    const std::string digits = name.compare(0, 4, "user") == 0 ? name.substr(4, 9) : "";
+    const unsigned uid = name == kOwner ? kOwnerUid
+                         : !digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos
+                             ? static_cast<unsigned>(std::stoul(digits))
+                             : 0;
+    // Only the homes that pkgsim names for a uid (user0042 is no home of uid 42).
+    if (uid >= kFirstRegularUid && UserHome(uid) == home.path().string()) {
+      CollectManifests(UserPackagesDir(uid), false, users[uid]);
+    }
+  }
+  UserPackageList packages;
+  for (const auto& [uid, manifests] : users) {
+    for (const auto& entry : manifests) packages.emplace_back(uid, entry.first);
+  }
+  return packages;
 }
 
 std::string Device::Foreground() const {

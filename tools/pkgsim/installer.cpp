@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -15,6 +16,24 @@ namespace pkgsim {
 namespace {
 
 std::string Items(std::size_t count) { return std::to_string(count) + (count == 1 ? " item" : " items"); }
+
+std::string ForUser(const Device& device) {
+  return device.User() == 0 ? "" : " for user " + std::to_string(device.User());
+}
+
+// What the plug-in can make of a package installed for one user: nothing, as the device's installer runs
+// it as root. Its own refusals name a symptom; this is the cause.
+void ExplainUserPackage(const Device& device, const Call& call, std::vector<Note>& notes) {
+  if (device.User() == 0 || call.operation == Operation::kUninstall) return;
+  if (call.after.RowsOf(call.manifest.package) != call.before.RowsOf(call.manifest.package)) return;
+  notes.erase(std::remove_if(notes.begin(), notes.end(), [](const Note& note) { return note.kind == Note::kRefusal; }),
+              notes.end());
+  notes.insert(notes.begin(),
+               {Note::kRefusal, "not stored: installed for user " + std::to_string(device.User()) +
+                                    " only: the installer runs the plug-in as root, for which the "
+                                    "package-information service does not list per-user packages, so the "
+                                    "plug-in found no such application"});
+}
 
 // The installed version of a package, kept aside so that a failed upgrade can put it back.
 class PreviousVersion {
@@ -43,9 +62,18 @@ class PreviousVersion {
 
 }  // namespace
 
-Installer::Installer(const Device& device, std::string pluginPath, std::ostream& out)
-    : device_(device), pluginPath_(std::move(pluginPath)), out_(out) {
-  const PluginStep loadable(pluginPath_);
+Installer::Installer(const Device& device, const std::string& plugin, std::ostream& out)
+    : device_(device), registrations_(LoadRegistrations(device, plugin)), out_(out) {
+  registrations_.RequireReadable();
+}
+
+// Once per request, when its first operation starts: which plug-ins the installer calls, of which build.
+void Installer::Announce() {
+  if (announced_) return;
+  announced_ = true;
+  for (const Registration& entry : registrations_.entries) {
+    if (entry.IsMetadata()) out_ << "plug-in " << entry.file << ": " << entry.Verdict() << "\n";
+  }
 }
 
 Installer::Outcome Installer::Install(const Package& package, bool preload, bool failAfterPlugin) {
@@ -53,7 +81,8 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
   const PackageState state = device_.StateOf(pkgid);
   Outcome outcome;
   outcome.before = Snapshot::Take(device_);
-  out_ << "install " << pkgid << " " << package.manifest.version;
+  Announce();
+  out_ << "install " << pkgid << " " << package.manifest.version << ForUser(device_);
   if (preload) {
     out_ << ": preloaded into the read-only image\n";
   } else if (state.rw) {
@@ -94,6 +123,11 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
 
 Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   const PackageState state = IsSafePackageId(pkgid) ? device_.StateOf(pkgid) : PackageState{};
+  for (const auto& [uid, id] : device_.User() == 0 ? device_.UserPackages() : Device::UserPackageList{}) {
+    if (id != pkgid || state.Present()) continue;
+    throw std::runtime_error(pkgid + " is installed for user " + std::to_string(uid) +
+                             " only (pkgsim uninstall --user " + std::to_string(uid) + " " + pkgid + ")");
+  }
   if (!state.Present()) throw std::runtime_error("unknown package: " + pkgid);
   if (!state.rw)
     throw std::runtime_error(pkgid + " is preloaded in the read-only image and cannot be uninstalled");
@@ -107,7 +141,8 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
 
   Outcome outcome;
   outcome.before = Snapshot::Take(device_);
-  out_ << "uninstall " << pkgid << " " << installed.version
+  Announce();
+  out_ << "uninstall " << pkgid << " " << installed.version << ForUser(device_)
        << (state.ro ? ": the update of a preloaded package\n" : "\n");
   RunStep(Operation::kUninstall, installed, outcome.calls);
   device_.Remove(pkgid, false);
@@ -124,10 +159,21 @@ void ReportOperation(const Device& device, const Installer::Outcome& outcome, bo
 }
 
 void Installer::RunStep(Operation operation, const host::Manifest& manifest, std::vector<Call>& calls) {
-  const PluginStep plugin(pluginPath_);
+  bool loaded = false;
+  for (const Registration& entry : registrations_.entries) {
+    if (!entry.Loaded()) continue;
+    loaded = true;
+    RunPlugin(entry, operation, manifest, calls);
+  }
+  if (!loaded) out_ << "the plug-in is not called: " << registrations_.WhyNoneLoaded() << "\n";
+}
+
+void Installer::RunPlugin(const Registration& entry, Operation operation, const host::Manifest& manifest,
+                          std::vector<Call>& calls) {
+  const PluginStep plugin(entry.library);
   bool called = false;
   for (const host::ManifestApp& app : manifest.apps) {
-    MetadataItems items = ItemsOfNamespace(app);
+    MetadataItems items = ItemsWithPrefix(app, entry.name);
     if (items.empty()) continue;
     called = true;
     Call call{operation, manifest, app.appid, std::move(items), {}, Snapshot::Take(device_), {}};
@@ -137,11 +183,13 @@ void Installer::RunStep(Operation operation, const host::Manifest& manifest, std
     if (result != 0) out_ << "  returned " << result << "\n";
     call.after = Snapshot::Take(device_);
     call.log = ReadLog(device_.LogFile(), call.before.logSize, getpid());
-    PrintNotes(Explain(call), out_);
+    std::vector<Note> notes = Explain(call);
+    ExplainUserPackage(device_, call, notes);
+    PrintNotes(notes, out_);
     calls.push_back(std::move(call));
   }
   if (!called) {
-    out_ << "no application of " << manifest.package << " has metadata of " << kNamespace
+    out_ << "no application of " << manifest.package << " has metadata of " << entry.name
          << ": the plug-in is not called\n";
   }
 }

@@ -28,10 +28,10 @@ const char* EntryPointName(Operation operation) {
   return "";
 }
 
-MetadataItems ItemsOfNamespace(const host::ManifestApp& app) {
+MetadataItems ItemsWithPrefix(const host::ManifestApp& app, const std::string& name) {
   MetadataItems items;
   for (const auto& item : app.metadata) {
-    if (item.first.compare(0, kNamespace.size(), kNamespace) == 0) items.push_back(item);
+    if (item.first.compare(0, name.size(), name) == 0) items.push_back(item);
   }
   return items;
 }
@@ -62,6 +62,11 @@ int PluginStep::Call(Operation operation, const std::string& pkgid, const std::s
   for (__metadata_t& item : published) list = g_list_append(list, &item);
   const ListHandle owned(list);
   return entries_[static_cast<int>(operation)](pkgid.c_str(), appid.c_str(), owned.get());
+}
+
+std::string PluginStep::Policy() const {
+  const void* name = dlsym(library_.get(), "WUP_POLICY_NAME");
+  return name != nullptr ? static_cast<const char*>(name) : "";
 }
 
 }  // namespace pkgsim

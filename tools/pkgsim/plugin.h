@@ -26,10 +26,12 @@ const char* EntryPointName(Operation operation);
 
 using MetadataItems = std::vector<std::pair<std::string, std::string>>;
 
-// The items of an application that the package manager hands to the plug-in: those whose key starts
-// with the namespace, in manifest order. The manifest reader leaves out a <metadata> without a key and
-// reads a missing value as the empty string, so every item it gives has both set.
-MetadataItems ItemsOfNamespace(const host::ManifestApp& app);
+// The items of an application that the package manager hands to a plug-in registered as `name`: those
+// whose key starts with the name, in manifest order. The manifest reader leaves out a <metadata> without
+// a key and reads a missing value as the empty string, so every item it gives has both set.
+MetadataItems ItemsWithPrefix(const host::ManifestApp& app, const std::string& name);
+// The items of the plug-in's own namespace.
+inline MetadataItems ItemsOfNamespace(const host::ManifestApp& app) { return ItemsWithPrefix(app, kNamespace); }
 
 class PluginStep {
  public:
@@ -41,6 +43,10 @@ class PluginStep {
   // Calls the entry point of `operation` once, with the items as the package manager publishes them.
   int Call(Operation operation, const std::string& pkgid, const std::string& appid,
            const MetadataItems& items) const;
+
+  // Which build of the plug-in this is ("default", "hardened"): its exported WUP_POLICY_NAME, or ""
+  // for a library that does not say.
+  std::string Policy() const;
 
  private:
   struct Closer {
