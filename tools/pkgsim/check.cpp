@@ -28,7 +28,8 @@ bool StoredSomething(const std::vector<Call>& calls) {
 }
 
 // Why nothing was stored: the plug-in's own reason for the first call that gave one.
-std::string Refusal(const std::vector<Call>& calls, const Package& package, const Installer& installer) {
+std::string Refusal(const Device& device, const std::vector<Call>& calls, const Package& package,
+                    const Installer& installer) {
   if (calls.empty()) {
     for (const Registration& entry : installer.Plugins().entries) {
       if (entry.Loaded()) {
@@ -39,7 +40,7 @@ std::string Refusal(const std::vector<Call>& calls, const Package& package, cons
     return "not stored: the plug-in is not called: " + installer.Plugins().WhyNoneLoaded();
   }
   for (const Call& call : calls) {
-    for (const Note& note : Explain(call)) {
+    for (const Note& note : ExplainCall(device, call)) {
       if (note.kind != Note::kRefusal) continue;
       return note.text.compare(0, 11, "not stored:") == 0 ? note.text : "not stored: " + note.text;
     }
@@ -77,13 +78,13 @@ bool CheckOnCopy(const Device& copy, const Device& device, const Package& packag
 
   const PluginRows records = installed.RowsOf(package.Id());
   const bool stored = StoredSomething(outcome.calls) && !records.empty();
-  std::vector<std::string> traps = PackageTraps(package, target, installed);
+  std::vector<std::string> traps = PackageTraps(package, copy, installed);
   if (stored) {
     for (std::string& trap : UninstallTraps(target, options.plugin, package)) traps.push_back(std::move(trap));
   }
   out << "warnings:" << (traps.empty() ? " none" : "") << "\n";
   for (const std::string& trap : traps) out << "  " << trap << "\n";
-  out << "verdict: " << (stored ? "stored: " + JoinNames(NamesOf(records)) : Refusal(outcome.calls, package, installer))
+  out << "verdict: " << (stored ? "stored: " + JoinNames(NamesOf(records)) : Refusal(target, outcome.calls, package, installer))
       << "\n";
   return stored;
 }
@@ -107,7 +108,7 @@ int Check(const Options& options) {
     copy.Create();
     RegisterPlugin(copy, PKGSIM_DEFAULT_PLUGIN);
   }
-  copy.Export();
+  (options.user != 0 ? copy.ForUser(options.user) : copy).Export();
   std::ostringstream out;
   const bool stored = CheckOnCopy(copy, device, package, options, out);
   std::cout << ReplaceAll(out.str(), copy.Root(), device.Root());

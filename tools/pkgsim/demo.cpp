@@ -26,8 +26,8 @@ struct DemoStep {
 std::vector<DemoStep> Tour(const std::string& root, const std::string& packages) {
   const std::string drmplayer = "com.korvane.tv.pepper.drmplayer";
   return {
-      {"A fresh copy of the sample device: a few applications, no plug-in package yet, and the plug-in\n"
-       "registered as its package registers it: the installer calls it for keys starting with the name",
+      {"A fresh copy of the sample device: a few applications, no plug-in package yet, and the plug-in's\n"
+       "registration, read as the installer reads it",
        {"init", "--sample", root},
        0},
       {"The system image brings the DRM player plug-in, preloaded: isUpdate 0, its allow-list unused",

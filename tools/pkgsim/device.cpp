@@ -106,8 +106,17 @@ void Device::Export() const {
   setenv("TZ_SYS_RO_PACKAGES", RoPackagesDir().c_str(), 1);
   setenv("HOST_VEX_DIR", VexDir().c_str(), 1);
   setenv("HOST_DLOG_FILE", LogFile().c_str(), 1);
-  // The installer, and so the plug-in, runs as root, whatever user runs pkgsim.
+  // The installer, and so the plug-in, runs as root, whatever user runs pkgsim; for an installation for
+  // one user its platform paths name that user's directories, but the package-information service
+  // answers root, who is not shown them.
   setenv("HOST_PKGMGRINFO_UID", "0", 1);
+  if (user_ == 0) {
+    unsetenv("TZ_USER_PACKAGES");
+    unsetenv("TZ_USER_APP");
+  } else {
+    setenv("TZ_USER_PACKAGES", UserPackagesDir(user_).c_str(), 1);
+    setenv("TZ_USER_APP", UserAppDir(user_).c_str(), 1);
+  }
 }
 
 PackageState Device::StateOf(const std::string& pkgid) const {

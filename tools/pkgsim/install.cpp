@@ -25,8 +25,8 @@ int Install(const Options& options) {
     }
     RequireOneOwner(device, options.user, pkgid);
   }
-  device.Export();
   const Device target = options.user != 0 ? device.ForUser(options.user) : device;
+  target.Export();
   Installer installer(target, options.plugin, std::cout);
   std::vector<std::string> failed;
   for (const Package& package : packages) {
@@ -44,8 +44,8 @@ int Install(const Options& options) {
 int Uninstall(const Options& options) {
   ExpectArgs(options, 1, 1);
   const Device device = RequireDevice(options);
-  device.Export();
   const Device target = options.user != 0 ? device.ForUser(options.user) : device;
+  target.Export();
   Installer installer(target, options.plugin, std::cout);
   ReportOperation(target, installer.Uninstall(options.args[0]), options.quiet, std::cout);
   return 0;

@@ -21,20 +21,6 @@ std::string ForUser(const Device& device) {
   return device.User() == 0 ? "" : " for user " + std::to_string(device.User());
 }
 
-// What the plug-in can make of a package installed for one user: nothing, as the device's installer runs
-// it as root. Its own refusals name a symptom; this is the cause.
-void ExplainUserPackage(const Device& device, const Call& call, std::vector<Note>& notes) {
-  if (device.User() == 0 || call.operation == Operation::kUninstall) return;
-  if (call.after.RowsOf(call.manifest.package) != call.before.RowsOf(call.manifest.package)) return;
-  notes.erase(std::remove_if(notes.begin(), notes.end(), [](const Note& note) { return note.kind == Note::kRefusal; }),
-              notes.end());
-  notes.insert(notes.begin(),
-               {Note::kRefusal, "not stored: installed for user " + std::to_string(device.User()) +
-                                    " only: the installer runs the plug-in as root, for which the "
-                                    "package-information service does not list per-user packages, so the "
-                                    "plug-in found no such application"});
-}
-
 // The installed version of a package, kept aside so that a failed upgrade can put it back.
 class PreviousVersion {
  public:
@@ -72,7 +58,11 @@ void Installer::Announce() {
   if (announced_) return;
   announced_ = true;
   for (const Registration& entry : registrations_.entries) {
-    if (entry.IsMetadata()) out_ << "plug-in " << entry.file << ": " << entry.Verdict() << "\n";
+    if (entry.Loaded()) {
+      out_ << "plug-in " << entry.name << ": " << entry.Loading() << "\n";
+    } else if (entry.IsMetadata()) {
+      out_ << "plug-in registration " << entry.file << ": " << entry.Verdict() << "\n";
+    }
   }
 }
 
@@ -153,6 +143,22 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   return outcome;
 }
 
+// What the plug-in can make of a package installed for one user: nothing, as the device's installer runs
+// it as root. Its own refusals name a symptom; this is the cause.
+std::vector<Note> ExplainCall(const Device& device, const Call& call) {
+  std::vector<Note> notes = Explain(call);
+  if (device.User() == 0 || call.operation == Operation::kUninstall) return notes;
+  if (call.after.RowsOf(call.manifest.package) != call.before.RowsOf(call.manifest.package)) return notes;
+  notes.erase(std::remove_if(notes.begin(), notes.end(), [](const Note& note) { return note.kind == Note::kRefusal; }),
+              notes.end());
+  notes.insert(notes.begin(),
+               {Note::kRefusal, "not stored: installed for user " + std::to_string(device.User()) +
+                                    " only: the installer runs the plug-in as root, for which the "
+                                    "package-information service does not list per-user packages, so the "
+                                    "plug-in found no such application"});
+  return notes;
+}
+
 void ReportOperation(const Device& device, const Installer::Outcome& outcome, bool quiet, std::ostream& out) {
   ReportChanges(device, outcome.before, Snapshot::Take(device), out);
   if (!quiet) PrintLog(ReadLog(device.LogFile(), outcome.before.logSize, getpid()), out);
@@ -183,9 +189,7 @@ void Installer::RunPlugin(const Registration& entry, Operation operation, const 
     if (result != 0) out_ << "  returned " << result << "\n";
     call.after = Snapshot::Take(device_);
     call.log = ReadLog(device_.LogFile(), call.before.logSize, getpid());
-    std::vector<Note> notes = Explain(call);
-    ExplainUserPackage(device_, call, notes);
-    PrintNotes(notes, out_);
+    PrintNotes(ExplainCall(device_, call), out_);
     calls.push_back(std::move(call));
   }
   if (!called) {

@@ -59,6 +59,10 @@ class Installer {
   bool announced_ = false;
 };
 
+// What the plug-in decided in one call on `device` (Explain), and for a package installed for one user
+// why it could decide nothing.
+std::vector<Note> ExplainCall(const Device& device, const Call& call);
+
 // What the operation changed on the device and, unless quiet, the plug-in's log lines of it.
 void ReportOperation(const Device& device, const Installer::Outcome& outcome, bool quiet, std::ostream& out);
 

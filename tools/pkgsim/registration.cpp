@@ -108,12 +108,16 @@ void Load(Registration& entry, const Device& device, const std::string& plugin, 
 
 }  // namespace
 
+std::string Registration::Loading() const {
+  const std::string build = policy.empty() ? "unknown build (no WUP_POLICY_NAME)" : "the " + policy + " build";
+  return (overridden ? library + " (--plugin) in place of " : "") + path + ", " + build;
+}
+
 std::string Registration::Verdict() const {
   if (!IsMetadata()) return "a " + type + " plug-in, not called for metadata";
   if (!skipped.empty()) return "the installer skips this plug-in: " + skipped;
-  const std::string build = policy.empty() ? "unknown build (no WUP_POLICY_NAME)" : "the " + policy + " build";
-  return (overridden ? "pkgsim loads " + library + " (--plugin) in place of " : "the installer loads ") + path +
-         ", " + build + ", for the keys starting with " + name;
+  return (overridden ? "pkgsim loads " : "the installer loads ") + Loading() + ", for the keys starting with " +
+         name;
 }
 
 void Registrations::RequireReadable() const {

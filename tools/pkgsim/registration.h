@@ -27,7 +27,9 @@ struct Registration {
 
   bool IsMetadata() const { return type == "metadata"; }
   bool Loaded() const { return IsMetadata() && skipped.empty(); }
-  // "the installer skips this plug-in: ..." or what is loaded, from which library, of which build.
+  // The library loaded and which build it is, for a loaded plug-in.
+  std::string Loading() const;
+  // "the installer skips this plug-in: ..." or what is loaded, of which build, for which keys.
   std::string Verdict() const;
 };
 
