@@ -342,6 +342,12 @@ TEST_F(PkgsimTest, BadInputAndMisuseAreRefusedWithOneLine) {
       {2, {"install"}, "install takes at least one argument (pkgsim install --help)\n"},
       {2, {"uninstall", "--preload", "x"}, "--preload is an option of install and check\n"},
       {2, {"--device"}, "--device needs a value\n"},
+      {1, {"install", "--user", "5001", kPackages + "drmplayer-1.1.0"}, kDrmPlayer + " is on the device for "
+          "all users; it cannot be installed for one user\n"},
+      {2, {"install", "--user", "4999", signage}, "--user takes the uid of a regular user (5000 and above); "
+          "packages for all users are installed without it\n"},
+      {2, {"show", "--user", "5001"}, "--user is an option of install, check and uninstall\n"},
+      {2, {"install", "--user=5001", "--preload", signage}, "--user and --preload exclude each other\n"},
       // clang-format on
   };
   const auto tree = Tree(device_);
