@@ -300,12 +300,13 @@ TEST_F(PkgsimTest, RegistrationsAndUsersDecideWhatThePluginGetsAndSees) {
     EXPECT_EQ(outcome.err.empty(), step.err.empty()) << outcome.err;
   }
   // Where the device keeps one user's packages; an uninstall for that user removes them from there.
-  const std::string files = home + "/apps_rw/" + kDrmPlayer, manifest = home + "/.applications/packages/" +
-                                                                         kDrmPlayer + ".xml";
+  const std::string files = home + "/apps_rw/" + kDrmPlayer,
+                    manifest = home + "/.applications/packages/" + kDrmPlayer + ".xml";
   EXPECT_EQ(ReadFile(files + "/shared/res/libdrmplayer.so"), ReadFile(drm + "/shared/res/libdrmplayer.so"));
   EXPECT_EQ(ReadFile(manifest), ReadFile(drm + "/tizen-manifest.xml"));
   EXPECT_FALSE(fs::exists(device_ + "/opt/usr/apps/" + kDrmPlayer));
-  Expect(0, {"uninstall", "--user", "5001", kDrmPlayer}, {"uninstall " + kDrmPlayer + " 1.1.0 for user 5001\n"});
+  Expect(0, {"uninstall", "--user", "5001", kDrmPlayer},
+         {"uninstall " + kDrmPlayer + " 1.1.0 for user 5001\n"});
   EXPECT_FALSE(fs::exists(files) || fs::exists(manifest));
 }
 

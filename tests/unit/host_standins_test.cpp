@@ -169,7 +169,8 @@ TEST_F(PkgmgrInfoStandIn, PackagesOfOneUserAreSeenByThatUserOnly) {
   setenv("HOST_PKGMGRINFO_UID", "5001", 1);
   EXPECT_EQ(RootPath("mine"), "<-1>") << "an application that may be in a broken manifest is an error";
   unsetenv("HOST_PKGMGRINFO_UID");
-  EXPECT_EQ(RootPath("mine"), getuid() < 5000 ? "<-3>" : "<-1>") << "the real uid answers without the variable";
+  EXPECT_EQ(RootPath("mine"), getuid() < 5000 ? "<-3>" : "<-1>")
+      << "the real uid answers without the variable";
   for (const char* name : {"TZ_USER_PACKAGES", "TZ_USER_APP"}) unsetenv(name);
 }
 

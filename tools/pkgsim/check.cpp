@@ -80,11 +80,14 @@ bool CheckOnCopy(const Device& copy, const Device& device, const Package& packag
   const bool stored = StoredSomething(outcome.calls) && !records.empty();
   std::vector<std::string> traps = PackageTraps(package, copy, installed);
   if (stored) {
-    for (std::string& trap : UninstallTraps(target, options.plugin, package)) traps.push_back(std::move(trap));
+    for (std::string& trap : UninstallTraps(target, options.plugin, package))
+      traps.push_back(std::move(trap));
   }
   out << "warnings:" << (traps.empty() ? " none" : "") << "\n";
   for (const std::string& trap : traps) out << "  " << trap << "\n";
-  out << "verdict: " << (stored ? "stored: " + JoinNames(NamesOf(records)) : Refusal(target, outcome.calls, package, installer))
+  out << "verdict: "
+      << (stored ? "stored: " + JoinNames(NamesOf(records))
+                 : Refusal(target, outcome.calls, package, installer))
       << "\n";
   return stored;
 }

@@ -78,8 +78,8 @@ std::string Device::UserHome(unsigned uid) const {
 }
 
 std::vector<std::string> Device::LayoutDirs() const {
-  return {DbDir(),           RwAppDir(),          ManagerDir(), RoAppDir(),
-          RwPackagesDir(),   RoPackagesDir(),     VexDir(),     fs::path(LogFile()).parent_path().string(),
+  return {DbDir(),           RwAppDir(),         ManagerDir(), RoAppDir(),
+          RwPackagesDir(),   RoPackagesDir(),    VexDir(),     fs::path(LogFile()).parent_path().string(),
           RegistrationDir(), MetadataPluginDir()};
 }
 
@@ -153,7 +153,8 @@ std::vector<std::pair<std::string, PackageState>> Device::Packages() const {
 Device::UserPackageList Device::UserPackages() const {
   std::map<unsigned, std::map<std::string, PackageState>> users;
   std::error_code error;
-  for (const fs::directory_entry& home : fs::directory_iterator(fs::path(UserHome(kOwnerUid)).parent_path(), error)) {
+  for (const fs::directory_entry& home :
+       fs::directory_iterator(fs::path(UserHome(kOwnerUid)).parent_path(), error)) {
     const std::string name = home.path().filename().string();
     const std::string digits = name.compare(0, 4, "user") == 0 ? name.substr(4, 9) : "";
     const unsigned uid = name == kOwner ? kOwnerUid

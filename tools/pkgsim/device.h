@@ -60,8 +60,10 @@ class Device {
   std::string TerminatedFile() const { return VexDir() + "/terminated"; }
 
   std::string Manifest(const std::string& pkgid, bool readOnly) const {
-    return (readOnly ? RoPackagesDir() : user_ != 0 ? UserPackagesDir(user_) : RwPackagesDir()) + "/" + pkgid +
-           ".xml";
+    return (readOnly     ? RoPackagesDir()
+            : user_ != 0 ? UserPackagesDir(user_)
+                         : RwPackagesDir()) +
+           "/" + pkgid + ".xml";
   }
   std::string AppRoot(const std::string& pkgid, bool readOnly) const {
     return (readOnly ? RoAppDir() : user_ != 0 ? UserAppDir(user_) : RwAppDir()) + "/" + pkgid;

@@ -149,7 +149,8 @@ std::vector<Note> ExplainCall(const Device& device, const Call& call) {
   std::vector<Note> notes = Explain(call);
   if (device.User() == 0 || call.operation == Operation::kUninstall) return notes;
   if (call.after.RowsOf(call.manifest.package) != call.before.RowsOf(call.manifest.package)) return notes;
-  notes.erase(std::remove_if(notes.begin(), notes.end(), [](const Note& note) { return note.kind == Note::kRefusal; }),
+  notes.erase(std::remove_if(notes.begin(), notes.end(),
+                             [](const Note& note) { return note.kind == Note::kRefusal; }),
               notes.end());
   notes.insert(notes.begin(),
                {Note::kRefusal, "not stored: installed for user " + std::to_string(device.User()) +

@@ -23,9 +23,9 @@ namespace pkgsim {
 class Installer {
  public:
   // Reads the device's registrations and loads and unloads each plug-in once; the first operation says
-  // on `out` which plug-ins are loaded, of which build, and which the installer skips. Registrations that fail every installation,
-  // and a --plugin library (`plugin`, "" for none) that cannot be loaded, are refused with
-  // std::runtime_error before the device is touched. The device must already be exported.
+  // on `out` which plug-ins are loaded, of which build, and which the installer skips. Registrations that
+  // fail every installation, and a --plugin library (`plugin`, "" for none) that cannot be loaded, are
+  // refused with std::runtime_error before the device is touched. The device must already be exported.
   Installer(const Device& device, const std::string& plugin, std::ostream& out);
 
   struct Outcome {

@@ -42,7 +42,8 @@ bool TakeFlag(const std::string& arg, Options& options) {
 // A regular user's uid, as the installer takes it for an installation for one user.
 unsigned TakeUser(const std::vector<std::string>& argv, std::size_t& i) {
   const std::string uid = TakeValue(argv, i);
-  const bool digits = !uid.empty() && uid.size() <= 9 && uid.find_first_not_of("0123456789") == std::string::npos;
+  const bool digits =
+      !uid.empty() && uid.size() <= 9 && uid.find_first_not_of("0123456789") == std::string::npos;
   if (!digits || std::stoul(uid) < kFirstRegularUid) {
     throw UsageError("--user takes the uid of a regular user (" + std::to_string(kFirstRegularUid) +
                      " and above); packages for all users are installed without it");

@@ -31,7 +31,9 @@ using MetadataItems = std::vector<std::pair<std::string, std::string>>;
 // a key and reads a missing value as the empty string, so every item it gives has both set.
 MetadataItems ItemsWithPrefix(const host::ManifestApp& app, const std::string& name);
 // The items of the plug-in's own namespace.
-inline MetadataItems ItemsOfNamespace(const host::ManifestApp& app) { return ItemsWithPrefix(app, kNamespace); }
+inline MetadataItems ItemsOfNamespace(const host::ManifestApp& app) {
+  return ItemsWithPrefix(app, kNamespace);
+}
 
 class PluginStep {
  public:

@@ -47,8 +47,8 @@ bool ReadFile(const fs::path& file, std::vector<Registration>& entries, std::str
     if (line.empty()) continue;
     std::map<std::string, std::string> fields;
     if (!ParseLine(line, fields)) {
-      rejected = "the installer cannot read its plug-in registrations: " + file.filename().string() + " line " +
-                 std::to_string(number) + " is not " + kForm + "; every installation fails";
+      rejected = "the installer cannot read its plug-in registrations: " + file.filename().string() +
+                 " line " + std::to_string(number) + " is not " + kForm + "; every installation fails";
       return false;
     }
     Registration entry;
@@ -109,15 +109,16 @@ void Load(Registration& entry, const Device& device, const std::string& plugin, 
 }  // namespace
 
 std::string Registration::Loading() const {
-  const std::string build = policy.empty() ? "unknown build (no WUP_POLICY_NAME)" : "the " + policy + " build";
+  const std::string build =
+      policy.empty() ? "unknown build (no WUP_POLICY_NAME)" : "the " + policy + " build";
   return (overridden ? library + " (--plugin) in place of " : "") + path + ", " + build;
 }
 
 std::string Registration::Verdict() const {
   if (!IsMetadata()) return "a " + type + " plug-in, not called for metadata";
   if (!skipped.empty()) return "the installer skips this plug-in: " + skipped;
-  return (overridden ? "pkgsim loads " : "the installer loads ") + Loading() + ", for the keys starting with " +
-         name;
+  return (overridden ? "pkgsim loads " : "the installer loads ") + Loading() +
+         ", for the keys starting with " + name;
 }
 
 void Registrations::RequireReadable() const {

@@ -129,7 +129,8 @@ void PrintPackages(const Device& device) {
   for (const auto& [uid, pkgid] : forUsers) {
     const Device user = device.ForUser(uid);
     std::cout << "  " << pkgid << " " << VersionOnDevice(user, pkgid, false) << " for user " << uid << " ("
-              << std::filesystem::path(user.UserHome(uid)).lexically_relative(device.Root()).string() << ")\n";
+              << std::filesystem::path(user.UserHome(uid)).lexically_relative(device.Root()).string()
+              << ")\n";
   }
 }
 
