@@ -13,9 +13,10 @@ namespace pkgsim {
 namespace {
 
 const char kStagingSuffix[] = ".pkgsim-new";
-const char kOwner[] = "owner";
-constexpr unsigned kOwnerUid = 5001;
 const char kRetiredSuffix[] = ".pkgsim-old";
+// The TV's one regular user, and the name of its home.
+constexpr unsigned kOwnerUid = 5001;
+const char kOwner[] = "owner";
 
 [[noreturn]] void Fail(const std::string& what, const fs::path& path, const std::error_code& error) {
   throw std::runtime_error(what + " " + path.string() + ": " + error.message());

@@ -1,5 +1,5 @@
-// Setting a device up: init (the layout, the sample's files, the plug-in registered), foreground, and finding
-// the device the other commands work on.
+// Setting a device up: init (the layout, the sample's files, the plug-in registered), foreground, and
+// finding the device the other commands work on.
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>

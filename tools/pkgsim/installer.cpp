@@ -113,10 +113,12 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
 
 Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   const PackageState state = IsSafePackageId(pkgid) ? device_.StateOf(pkgid) : PackageState{};
-  for (const auto& [uid, id] : device_.User() == 0 ? device_.UserPackages() : Device::UserPackageList{}) {
-    if (id != pkgid || state.Present()) continue;
-    throw std::runtime_error(pkgid + " is installed for user " + std::to_string(uid) +
-                             " only (pkgsim uninstall --user " + std::to_string(uid) + " " + pkgid + ")");
+  if (!state.Present() && device_.User() == 0) {
+    for (const auto& [uid, id] : device_.UserPackages()) {
+      if (id != pkgid) continue;
+      throw std::runtime_error(pkgid + " is installed for user " + std::to_string(uid) +
+                               " only (pkgsim uninstall --user " + std::to_string(uid) + " " + pkgid + ")");
+    }
   }
   if (!state.Present()) throw std::runtime_error("unknown package: " + pkgid);
   if (!state.rw)
