@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -14,9 +15,6 @@ namespace {
 
 const char kStagingSuffix[] = ".pkgsim-new";
 const char kRetiredSuffix[] = ".pkgsim-old";
-// The TV's one regular user, and the name of its home.
-constexpr unsigned kOwnerUid = 5001;
-const char kOwner[] = "owner";
 
 [[noreturn]] void Fail(const std::string& what, const fs::path& path, const std::error_code& error) {
   throw std::runtime_error(what + " " + path.string() + ": " + error.message());
@@ -74,50 +72,11 @@ void CollectManifests(const std::string& dir, bool readOnly, std::map<std::strin
 
 }  // namespace
 
-std::string Device::UserHome(unsigned uid) const {
-  return root_ + "/opt/usr/home/" + (uid == kOwnerUid ? kOwner : "user" + std::to_string(uid));
-}
-
-std::vector<std::string> Device::LayoutDirs() const {
-  return {DbDir(),           RwAppDir(),         ManagerDir(), RoAppDir(),
-          RwPackagesDir(),   RoPackagesDir(),    VexDir(),     fs::path(LogFile()).parent_path().string(),
-          RegistrationDir(), MetadataPluginDir()};
-}
-
 bool Device::Exists() const {
-  for (const std::string& dir : LayoutDirs()) {
+  for (const std::string& dir : layout_.Dirs()) {
     if (!fs::is_directory(dir)) return false;
   }
   return true;
-}
-
-void Device::Create() const {
-  for (const std::string& dir : LayoutDirs()) {
-    std::error_code error;
-    fs::create_directories(dir, error);
-    if (error) Fail("cannot create", dir, error);
-  }
-}
-
-void Device::Export() const {
-  setenv("TZ_SYS_DB", DbDir().c_str(), 1);
-  setenv("TZ_SYS_RW_APP", RwAppDir().c_str(), 1);
-  setenv("TZ_SYS_RO_APP", RoAppDir().c_str(), 1);
-  setenv("TZ_SYS_RW_PACKAGES", RwPackagesDir().c_str(), 1);
-  setenv("TZ_SYS_RO_PACKAGES", RoPackagesDir().c_str(), 1);
-  setenv("HOST_VEX_DIR", VexDir().c_str(), 1);
-  setenv("HOST_DLOG_FILE", LogFile().c_str(), 1);
-  // The installer, and so the plug-in, runs as root, whatever user runs pkgsim; for an installation for
-  // one user its platform paths name that user's directories, but the package-information service
-  // answers root, who is not shown them.
-  setenv("HOST_PKGMGRINFO_UID", "0", 1);
-  if (user_ == 0) {
-    unsetenv("TZ_USER_PACKAGES");
-    unsetenv("TZ_USER_APP");
-  } else {
-    setenv("TZ_USER_PACKAGES", UserPackagesDir(user_).c_str(), 1);
-    setenv("TZ_USER_APP", UserAppDir(user_).c_str(), 1);
-  }
 }
 
 PackageState Device::StateOf(const std::string& pkgid) const {
@@ -154,18 +113,9 @@ std::vector<std::pair<std::string, PackageState>> Device::Packages() const {
 Device::UserPackageList Device::UserPackages() const {
   std::map<unsigned, std::map<std::string, PackageState>> users;
   std::error_code error;
-  for (const fs::directory_entry& home :
-       fs::directory_iterator(fs::path(UserHome(kOwnerUid)).parent_path(), error)) {
-    const std::string name = home.path().filename().string();
-    const std::string digits = name.compare(0, 4, "user") == 0 ? name.substr(4, 9) : "";
-    const unsigned uid = name == kOwner ? kOwnerUid
-                         : !digits.empty() && digits.find_first_not_of("0123456789") == std::string::npos
-                             ? static_cast<unsigned>(std::stoul(digits))
-                             : 0;
-    // Only the homes that pkgsim names for a uid (user0042 is no home of uid 42).
-    if (uid >= kFirstRegularUid && UserHome(uid) == home.path().string()) {
-      CollectManifests(UserPackagesDir(uid), false, users[uid]);
-    }
+  for (const fs::directory_entry& home : fs::directory_iterator(layout_.homes, error)) {
+    const std::optional<unsigned> uid = layout_.UserOf(home.path().string());
+    if (uid) CollectManifests(layout_.UserPackages(*uid), false, users[*uid]);
   }
   UserPackageList packages;
   for (const auto& [uid, manifests] : users) {

@@ -6,7 +6,10 @@
 #define PKGSIM_DEVICE_H_
 
 #include <string>
+#include <utility>
 #include <vector>
+
+#include "hostkit/layout.h"
 
 namespace pkgsim {
 
@@ -18,63 +21,48 @@ struct PackageState {
   bool Present() const { return rw || ro; }
 };
 
-// The first uid of the regular users' range; below it (root: the installer) no user's own packages are seen.
-constexpr unsigned kFirstRegularUid = 5000;
-
+// The paths are those of the sandbox layout (hostkit/layout.h) under the device's root.
 class Device {
  public:
-  explicit Device(std::string root) : root_(std::move(root)) {}
+  explicit Device(std::string root) : layout_(hostkit::Layout::At(root)) {}
+  explicit Device(hostkit::Layout layout) : layout_(std::move(layout)) {}
 
-  // The device as installations for one regular user see it: that user's home takes the place of the
-  // writable area for the package's files and manifest (Manifest, AppRoot, StateOf, Place, Remove).
-  Device ForUser(unsigned uid) const {
-    Device device(root_);
-    device.user_ = uid;
-    return device;
-  }
-  unsigned User() const { return user_; }  // 0: installations for all users
+  // The device as installations for one regular user see it (hostkit::Layout::ForUser).
+  Device ForUser(unsigned uid) const { return Device(layout_.ForUser(uid)); }
+  unsigned User() const { return layout_.user; }  // 0: installations for all users
 
-  const std::string& Root() const { return root_; }
-  std::string DbDir() const { return root_ + "/opt/dbspace"; }
-  std::string RwAppDir() const { return root_ + "/opt/usr/apps"; }
-  std::string RoAppDir() const { return root_ + "/usr/apps"; }
-  std::string RwPackagesDir() const { return root_ + "/opt/share/packages"; }
-  std::string RoPackagesDir() const { return root_ + "/usr/share/packages"; }
-  std::string VexDir() const { return root_ + "/run/vex"; }
-  std::string LogFile() const { return root_ + "/var/log/dlog.log"; }
-  // Where the installer finds its metadata plug-ins: the registrations, and the libraries they name.
-  std::string RegistrationDir() const { return root_ + "/usr/share/parser-plugins"; }
-  std::string MetadataPluginDir() const { return root_ + "/etc/package-manager/parserlib/metadata"; }
-  // A regular user's home (TZ_SYS_HOME/<user>; uid 5001 is the TV's one user, "owner"), the user's
-  // packages' files under apps_rw/ (TZ_USER_APP) and their manifests under .applications/packages/.
-  std::string UserHome(unsigned uid) const;
-  std::string UserAppDir(unsigned uid) const { return UserHome(uid) + "/apps_rw"; }
-  std::string UserPackagesDir(unsigned uid) const { return UserHome(uid) + "/.applications/packages"; }
+  const std::string& Root() const { return layout_.root; }
+  std::string DbDir() const { return layout_.db; }
+  std::string RwAppDir() const { return layout_.rwApp; }
+  std::string RoAppDir() const { return layout_.roApp; }
+  std::string RwPackagesDir() const { return layout_.rwPackages; }
+  std::string RoPackagesDir() const { return layout_.roPackages; }
+  std::string VexDir() const { return layout_.vex; }
+  std::string LogFile() const { return layout_.log; }
+  std::string RegistrationDir() const { return layout_.registrations; }
+  std::string MetadataPluginDir() const { return layout_.metadataPlugins; }
+  std::string UserHome(unsigned uid) const { return layout_.UserHome(uid); }
 
-  std::string DbFile() const { return DbDir() + "/.AppBinaryManager.db"; }
-  std::string BackupFile() const { return DbDir() + "/.AppBinaryManager_Backup.db"; }
+  std::string DbFile() const { return layout_.Database(); }
+  std::string BackupFile() const { return layout_.Backup(); }
   // The application that owns the plug-in's result; the plug-in makes only the last directory level.
-  std::string ManagerDir() const { return RwAppDir() + "/appbinarymanager"; }
-  std::string ResultFile() const { return ManagerDir() + "/webapi_result/upgrade_webapi_result.json"; }
-  std::string ForegroundFile() const { return VexDir() + "/foreground"; }
-  std::string TerminatedFile() const { return VexDir() + "/terminated"; }
+  std::string ManagerDir() const { return layout_.ManagerDir(); }
+  std::string ResultFile() const { return layout_.ResultFile(); }
+  std::string ForegroundFile() const { return layout_.ForegroundFile(); }
+  std::string TerminatedFile() const { return layout_.TerminatedFile(); }
 
   std::string Manifest(const std::string& pkgid, bool readOnly) const {
-    return (readOnly     ? RoPackagesDir()
-            : user_ != 0 ? UserPackagesDir(user_)
-                         : RwPackagesDir()) +
-           "/" + pkgid + ".xml";
+    return layout_.Manifest(pkgid, readOnly);
   }
   std::string AppRoot(const std::string& pkgid, bool readOnly) const {
-    return (readOnly ? RoAppDir() : user_ != 0 ? UserAppDir(user_) : RwAppDir()) + "/" + pkgid;
+    return layout_.AppRoot(pkgid, readOnly);
   }
 
-  // Every directory of the layout; a device is a directory that has all of them.
-  std::vector<std::string> LayoutDirs() const;
+  // A device is a directory that has every directory of the layout.
   bool Exists() const;
-  void Create() const;
+  void Create() const { layout_.Create(); }
   // Points the host stand-ins (and so the plug-in, which builds its paths when it is loaded) at the device.
-  void Export() const;
+  void Export() const { layout_.Export(); }
 
   PackageState StateOf(const std::string& pkgid) const;
   // Copies a package directory into the chosen area: its files to the application root, its manifest to
@@ -93,8 +81,7 @@ class Device {
   void SetForeground(const std::string& appid) const;
 
  private:
-  std::string root_;
-  unsigned user_ = 0;
+  hostkit::Layout layout_;
 };
 
 // The device named on the command line, or PKGSIM_DEVICE, or ./pkgsim-device.

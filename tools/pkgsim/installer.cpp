@@ -21,6 +21,17 @@ std::string ForUser(const Device& device) {
   return device.User() == 0 ? "" : " for user " + std::to_string(device.User());
 }
 
+// The plug-in reads the package's kind first, from the application whose id is the package id: a failure
+// to read it without a line saying that the application lacks the key means the package-information
+// service did not find the application at all.
+bool FoundNoApplication(const Log& log) {
+  for (const LogEntry& entry : log) {
+    if (entry.Says(LogText::kNoMetadataEnd)) return false;
+    if (entry.Says(LogText::kTypeFailed)) return true;
+  }
+  return false;
+}
+
 // The installed version of a package, kept aside so that a failed upgrade can put it back.
 class PreviousVersion {
  public:
@@ -103,7 +114,7 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
     RunStep(Operation::kUpgrade, previous->Get().manifest, outcome.calls);
   } else {
     device_.Remove(pkgid, false);
-    const host::Manifest preloaded =
+    const hostkit::Manifest preloaded =
         ReadManifestOrFail(device_.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
     out_ << pkgid << " is back at its preloaded version " << preloaded.version << "\n";
     RunStep(Operation::kUpgrade, preloaded, outcome.calls);
@@ -123,9 +134,9 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   if (!state.Present()) throw std::runtime_error("unknown package: " + pkgid);
   if (!state.rw)
     throw std::runtime_error(pkgid + " is preloaded in the read-only image and cannot be uninstalled");
-  const host::Manifest installed =
+  const hostkit::Manifest installed =
       ReadManifestOrFail(device_.Manifest(pkgid, false), "cannot read the manifest of " + pkgid);
-  host::Manifest preloaded;
+  hostkit::Manifest preloaded;
   if (state.ro) {
     preloaded =
         ReadManifestOrFail(device_.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
@@ -146,11 +157,11 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
 }
 
 // What the plug-in can make of a package installed for one user: nothing, as the device's installer runs
-// it as root. Its own refusals name a symptom; this is the cause.
+// it as root, whom the package-information service does not show such a package. Its own refusal names
+// the symptom; this is the cause.
 std::vector<Note> ExplainCall(const Device& device, const Call& call) {
   std::vector<Note> notes = Explain(call);
-  if (device.User() == 0 || call.operation == Operation::kUninstall) return notes;
-  if (call.after.RowsOf(call.manifest.package) != call.before.RowsOf(call.manifest.package)) return notes;
+  if (device.User() == 0 || !FoundNoApplication(call.log)) return notes;
   notes.erase(std::remove_if(notes.begin(), notes.end(),
                              [](const Note& note) { return note.kind == Note::kRefusal; }),
               notes.end());
@@ -167,7 +178,7 @@ void ReportOperation(const Device& device, const Installer::Outcome& outcome, bo
   if (!quiet) PrintLog(ReadLog(device.LogFile(), outcome.before.logSize, getpid()), out);
 }
 
-void Installer::RunStep(Operation operation, const host::Manifest& manifest, std::vector<Call>& calls) {
+void Installer::RunStep(Operation operation, const hostkit::Manifest& manifest, std::vector<Call>& calls) {
   bool loaded = false;
   for (const Registration& entry : registrations_.entries) {
     if (!entry.Loaded()) continue;
@@ -177,11 +188,11 @@ void Installer::RunStep(Operation operation, const host::Manifest& manifest, std
   if (!loaded) out_ << "the plug-in is not called: " << registrations_.WhyNoneLoaded() << "\n";
 }
 
-void Installer::RunPlugin(const Registration& entry, Operation operation, const host::Manifest& manifest,
+void Installer::RunPlugin(const Registration& entry, Operation operation, const hostkit::Manifest& manifest,
                           std::vector<Call>& calls) {
   const PluginStep plugin(entry.library);
   bool called = false;
-  for (const host::ManifestApp& app : manifest.apps) {
+  for (const hostkit::ManifestApp& app : manifest.apps) {
     MetadataItems items = ItemsWithPrefix(app, entry.name);
     if (items.empty()) continue;
     called = true;

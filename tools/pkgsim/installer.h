@@ -44,13 +44,13 @@ class Installer {
 
   // One plug-in step: each loaded plug-in loaded, called once per application of `manifest` that has
   // items of its registered name, unloaded.
-  void RunStep(Operation operation, const host::Manifest& manifest, std::vector<Call>& calls);
+  void RunStep(Operation operation, const hostkit::Manifest& manifest, std::vector<Call>& calls);
 
   const Registrations& Plugins() const { return registrations_; }
 
  private:
   void Announce();
-  void RunPlugin(const Registration& plugin, Operation operation, const host::Manifest& manifest,
+  void RunPlugin(const Registration& plugin, Operation operation, const hostkit::Manifest& manifest,
                  std::vector<Call>& calls);
 
   const Device& device_;

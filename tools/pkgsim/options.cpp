@@ -44,8 +44,8 @@ unsigned TakeUser(const std::vector<std::string>& argv, std::size_t& i) {
   const std::string uid = TakeValue(argv, i);
   const bool digits =
       !uid.empty() && uid.size() <= 9 && uid.find_first_not_of("0123456789") == std::string::npos;
-  if (!digits || std::stoul(uid) < kFirstRegularUid) {
-    throw UsageError("--user takes the uid of a regular user (" + std::to_string(kFirstRegularUid) +
+  if (!digits || std::stoul(uid) < hostkit::kFirstRegularUid) {
+    throw UsageError("--user takes the uid of a regular user (" + std::to_string(hostkit::kFirstRegularUid) +
                      " and above); packages for all users are installed without it");
   }
   return static_cast<unsigned>(std::stoul(uid));

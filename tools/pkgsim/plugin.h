@@ -5,13 +5,10 @@
 #ifndef PKGSIM_PLUGIN_H_
 #define PKGSIM_PLUGIN_H_
 
-#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "manifest.h"
-#include "plugin_parser_interface.h"
+#include "hostkit/manifest.h"
+#include "hostkit/plugin_call.h"
 
 namespace pkgsim {
 
@@ -21,44 +18,24 @@ inline const std::string kTypeKey = kNamespace + "upgradable_webapi_type";
 inline const std::string kAllowListKey = kNamespace + "upgradable_webapi_applist";
 inline const std::string kForceKey = kNamespace + "forceupdate_webapi";
 
-enum class Operation { kInstall, kUpgrade, kUninstall };
-const char* EntryPointName(Operation operation);
-
-using MetadataItems = std::vector<std::pair<std::string, std::string>>;
+using hostkit::EntryPointName;
+using hostkit::MetadataItems;
+using hostkit::Operation;
 
 // The items of an application that the package manager hands to a plug-in registered as `name`: those
 // whose key starts with the name, in manifest order. The manifest reader leaves out a <metadata> without
 // a key and reads a missing value as the empty string, so every item it gives has both set.
-MetadataItems ItemsWithPrefix(const host::ManifestApp& app, const std::string& name);
+MetadataItems ItemsWithPrefix(const hostkit::ManifestApp& app, const std::string& name);
 // The items of the plug-in's own namespace.
-inline MetadataItems ItemsOfNamespace(const host::ManifestApp& app) {
+inline MetadataItems ItemsOfNamespace(const hostkit::ManifestApp& app) {
   return ItemsWithPrefix(app, kNamespace);
 }
 
-class PluginStep {
- public:
-  // Loads the library; the device must already be exported, since the plug-in fixes its paths at its
-  // first load. Throws std::runtime_error with dlerror's text when the library or an entry point is
-  // missing.
-  explicit PluginStep(const std::string& path);
-
-  // Calls the entry point of `operation` once, with the items as the package manager publishes them.
-  int Call(Operation operation, const std::string& pkgid, const std::string& appid,
-           const MetadataItems& items) const;
-
-  // Which build of the plug-in this is ("default", "hardened"): its exported WUP_POLICY_NAME, or ""
-  // for a library that does not say.
-  std::string Policy() const;
-
- private:
-  struct Closer {
-    void operator()(void* library) const;
-  };
-  using EntryPoint = decltype(&PKGMGR_MDPARSER_PLUGIN_INSTALL);
-
-  std::unique_ptr<void, Closer> library_;
-  EntryPoint entries_[3] = {};
-};
+// One plug-in step: the plug-in loaded when it starts and unloaded when it ends; loading throws
+// std::runtime_error with dlerror's text when the library or an entry point is missing. The device must
+// already be exported, since the plug-in fixes its paths at its first load. PolicyName says which build
+// of the plug-in it is.
+using PluginStep = hostkit::PluginLibrary;
 
 }  // namespace pkgsim
 

@@ -98,7 +98,7 @@ void Load(Registration& entry, const Device& device, const std::string& plugin, 
   entry.overridden = !plugin.empty() && (own.empty() || entry.path == own);
   entry.library = entry.overridden ? plugin : OnDevice(device, entry.path);
   try {
-    entry.policy = PluginStep(entry.library).Policy();
+    entry.policy = PluginStep(entry.library).PolicyName();
   } catch (const std::runtime_error& error) {
     // The user's own --plugin must load; a registration that leads nowhere is what the installer skips.
     if (entry.overridden) throw;

@@ -8,9 +8,9 @@
 //   HOST_PKGMGRINFO_UID  the calling process's user (default: its real uid). From 5000 on (regular users)
 //                        the user's own packages are seen too: manifests in TZ_USER_PACKAGES, directories
 //                        in TZ_USER_APP; below (root: the installer, and the plug-in it runs) they are not.
-//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names; those calls answer -1 (error) before
-//                         looking at their arguments. A forced failure of a destroy call still releases
-//                         the handle, so that provoking it never leaks.
+//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names (blanks around them ignored); those
+//                         calls answer -1 (error) before looking at their arguments. A forced failure of
+//                         a destroy call still releases the handle, so that provoking it never leaks.
 // An empty variable counts as unset.
 //
 // Package P is described by $TZ_SYS_RW_PACKAGES/P.xml, or, when there is none, by $TZ_SYS_RO_PACKAGES/P.xml
@@ -41,6 +41,8 @@
 #include <utility>
 #include <vector>
 
+#include "hostkit/fail_list.h"
+#include "hostkit/layout.h"
 #include "manifest_index.h"
 
 namespace {
@@ -70,20 +72,13 @@ Bookkeeping& Books() {
   return books;
 }
 
-bool ForcedToFail(const std::string& function) {
-  const char* list = std::getenv("HOST_PKGMGRINFO_FAIL");
-  if (list == nullptr) return false;
-  const std::string padded = "," + std::string(list) + ",";
-  return padded.find("," + function + ",") != std::string::npos;
-}
-
 // Counts the call; true when the test asked for it to fail.
 bool Enter(const char* function) {
   {
     std::lock_guard<std::mutex> lock(Books().mutex);
     ++Books().calls[function];
   }
-  return ForcedToFail(function);
+  return hostkit::Listed("HOST_PKGMGRINFO_FAIL", function);
 }
 
 void* Register(std::set<void*> Bookkeeping::*kind, void* handle) {
@@ -137,7 +132,7 @@ std::optional<Area> ForUser() {
   const char* uid = std::getenv("HOST_PKGMGRINFO_UID");
   const unsigned long caller = uid != nullptr && *uid != '\0' ? std::strtoul(uid, nullptr, 10) : getuid();
   const Area user = {EnvDir("TZ_USER_PACKAGES", ""), EnvDir("TZ_USER_APP", "")};
-  if (caller < 5000 || user.packages.empty()) return std::nullopt;
+  if (caller < hostkit::kFirstRegularUid || user.packages.empty()) return std::nullopt;
   return user;
 }
 
@@ -176,9 +171,9 @@ Search FindApp(const Area& area, const host::ManifestDirectory* shadowed, const 
   };
   for (auto& [package, entry] : manifests) {
     if (!visible(package) || !entry.MayDeclare(appid)) continue;
-    const host::Manifest* manifest = entry.Parsed();
+    const hostkit::Manifest* manifest = entry.Parsed();
     if (manifest == nullptr) continue;
-    for (const host::ManifestApp& app : manifest->apps) {
+    for (const hostkit::ManifestApp& app : manifest->apps) {
       if (app.appid != appid) continue;
       found.appid = app.appid;
       found.rootPath = area.apps + "/" + package;
@@ -268,7 +263,7 @@ int pkgmgrinfo_pkginfo_get_pkginfo(const char* pkgid, pkgmgrinfo_pkginfo_h* hand
   if (entry == nullptr) entry = FindManifest(Writable(), pkgid);
   if (entry == nullptr) entry = FindManifest(ReadOnly(), pkgid);
   if (entry == nullptr) return PMINFO_R_ENOENT;
-  const host::Manifest* manifest = entry->Parsed();
+  const hostkit::Manifest* manifest = entry->Parsed();
   if (manifest == nullptr) return PMINFO_R_ERROR;
   auto package = std::make_unique<PkgInfo>();
   package->version = manifest->version;
