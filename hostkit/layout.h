@@ -9,6 +9,7 @@
 #ifndef WUP_HOSTKIT_LAYOUT_H_
 #define WUP_HOSTKIT_LAYOUT_H_
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,13 @@ inline constexpr char kBackupFile[] = ".AppBinaryManager_Backup.db";
 // device has its directory, the plug-in makes only the result's own.
 inline constexpr char kManagerDir[] = "appbinarymanager";
 inline constexpr char kResultFile[] = "appbinarymanager/webapi_result/upgrade_webapi_result.json";
+
+// Regular users' uids start here; the package-information service shows a process below it (root: the
+// installer, and so the plug-in it runs) no user's own packages. uid 5001 is the TV's one user, whose home
+// is named "owner"; any other user's is "user<uid>".
+inline constexpr unsigned kFirstRegularUid = 5000;
+inline constexpr unsigned kOwnerUid = 5001;
+inline constexpr char kOwnerHome[] = "owner";
 
 // The plug-in's two tables as SQLite keeps their definitions (sqlite_master.sql); executing them builds a
 // database of the plug-in's shape.
@@ -39,9 +47,25 @@ struct Layout {
   std::string roPackages;  // TZ_SYS_RO_PACKAGES: <pkgid>.xml of preloaded packages
   std::string vex;         // HOST_VEX_DIR: the application service's state
   std::string log;         // HOST_DLOG_FILE
+  // Where the installer finds its metadata plug-ins: the registration files, and the libraries they name.
+  std::string registrations;
+  std::string metadataPlugins;
+  std::string homes;  // the regular users' homes (TZ_SYS_HOME)
+  // The user a package is installed for alone; 0: for all users (the writable area).
+  unsigned user = 0;
 
   // The layout under `root` ("" gives the device's own absolute paths).
   static Layout At(const std::string& root);
+  // The same device as installations for one regular user see it: that user's home takes the writable
+  // area's place for a package's files and manifest (Manifest, AppRoot), and Environment names it.
+  Layout ForUser(unsigned uid) const;
+
+  // A regular user's home, the files of the user's own packages (TZ_USER_APP) and their manifests
+  // (TZ_USER_PACKAGES); UserOf is the uid whose home `home` is, if any.
+  std::string UserHome(unsigned uid) const;
+  std::string UserApps(unsigned uid) const { return UserHome(uid) + "/apps_rw"; }
+  std::string UserPackages(unsigned uid) const { return UserHome(uid) + "/.applications/packages"; }
+  std::optional<unsigned> UserOf(const std::string& home) const;
 
   std::string Database() const { return db + "/" + kDatabaseFile; }
   std::string Backup() const { return db + "/" + kBackupFile; }
@@ -50,13 +74,14 @@ struct Layout {
   std::string ForegroundFile() const { return vex + "/foreground"; }
   std::string TerminatedFile() const { return vex + "/terminated"; }
   std::string Manifest(const std::string& pkgid, bool readOnly) const {
-    return (readOnly ? roPackages : rwPackages) + "/" + pkgid + ".xml";
+    return (readOnly ? roPackages : user != 0 ? UserPackages(user) : rwPackages) + "/" + pkgid + ".xml";
   }
   std::string AppRoot(const std::string& pkgid, bool readOnly) const {
-    return (readOnly ? roApp : rwApp) + "/" + pkgid;
+    return (readOnly ? roApp : user != 0 ? UserApps(user) : rwApp) + "/" + pkgid;
   }
 
-  // Every directory of the layout; a device is a directory that has all of them.
+  // Every directory of the layout (a user's home is made by the first installation for that user); a
+  // device is a directory that has all of them.
   std::vector<std::string> Dirs() const;
   // Creates them; throws std::runtime_error naming the directory that cannot be made.
   void Create() const;
@@ -64,6 +89,8 @@ struct Layout {
   void Reset() const;
   // The variables ("NAME=VALUE") that point the stand-ins at the device; Export sets them in this process
   // (and so in the processes it starts). The plug-in fixes its paths when it is loaded: export first.
+  // The installer runs the plug-in as root, whoever runs the program: the package-information stand-in
+  // answers uid 0, and the user's directories are named (empty, that is unset, for all users).
   std::vector<std::string> Environment() const;
   void Export() const;
 };

@@ -60,4 +60,9 @@ void* PluginLibrary::Load(const std::string& path, int flags) {
 PluginLibrary::PluginLibrary(const std::string& path, int flags)
     : library_(Load(path, flags)), entries_(library_.get(), path) {}
 
+std::string PluginLibrary::PolicyName() const {
+  const void* name = dlsym(library_.get(), "WUP_POLICY_NAME");
+  return name != nullptr ? static_cast<const char*>(name) : "";
+}
+
 }  // namespace hostkit

@@ -62,6 +62,10 @@ class PluginLibrary {
     return Call(operation, pkgid.c_str(), appid.c_str(), NodesOf(items));
   }
 
+  // Which build of the plug-in this is ("default", "hardened"): the library's exported WUP_POLICY_NAME,
+  // or "" for a library that does not say.
+  std::string PolicyName() const;
+
  private:
   struct Closer {
     void operator()(void* library) const { dlclose(library); }

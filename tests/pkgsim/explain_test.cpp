@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "installer.h"
 #include "sandbox.h"
 
 namespace pkgsim {
@@ -73,7 +74,7 @@ TEST(LogTextsTest, EveryTextPkgsimReadsIsLoggedByItsFunction) {
 const std::string kPackage = "com.korvane.tv.pepper.mp";
 const std::string kItem = "[" + kPackage + "]key:[" + kTypeKey + "]value:[";
 enum Flags { kNoDatabase = 1, kResultMissing = 2, kRewritten = 4, kUninstall = 8, kElsewhere = 16,
-  kCased = 32 };
+  kCased = 32, kForUser = 64 };
 // clang-format on
 
 // The records of a snapshot: "name" or "name:isUpdate", all of the call's package.
@@ -93,7 +94,8 @@ std::string Restored(const std::string& why) {
 
 // The notes of one call each: "warning: " and "refusal: " mark their kinds. Flags: the database or the
 // result file missing before the call, the result file rewritten by it, an uninstall, the items on an
-// application that the package id does not name, their key differing from the plug-in's in case.
+// application that the package id does not name, their key differing from the plug-in's in case, the
+// package installed for user 5001 only.
 TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
   // clang-format off
   const std::string name = "GetPluginNameByID > pluginName[mp]", no = "refusal: not stored: ",
@@ -150,6 +152,12 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
        {no + "application " + kPackage + " has no " + kTypeKey + " metadata"}},
       {0, {}, {}, {"GetPluginType > get plugin type fail!"},
        {no + "the kind of " + kPackage + " cannot be read"}},
+      {kForUser, {}, {}, {"GetPluginType > get plugin type fail!"}, {no + "installed for user 5001 only: the "
+          "installer runs the plug-in as root, for which the package-information service does not list "
+          "per-user packages, so the plug-in found no such application"}},
+      {kForUser, {}, {}, {"m_CheckTPKByMetadata > [" + kPackage + "] NO <" + kTypeKey + "> metadata",
+          "GetPluginType > get plugin type fail!"},
+       {no + "application " + kPackage + " has no " + kTypeKey + " metadata"}},
       {0, {}, {}, {"m_CheckTPKByMetadata > " + kItem + "pepper]", type + "99]"},
        {no + "kind \"pepper\" is none of pepperplugin, b2bpepperplugin, xwalkplugin"}},
       {0, {}, {}, {"GetPluginNameByID > invalid pkgid:[x]"},
@@ -275,7 +283,8 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
     call.after.resultExists = true;
     call.after.resultInode = c.flags & kRewritten ? 2 : 0;
     Lines notes;
-    for (const Note& note : Explain(call))
+    const Device device = Device(dir).ForUser(c.flags & kForUser ? 5001 : 0);
+    for (const Note& note : ExplainCall(device, call))
       notes.push_back(std::string(note.kind == Note::kWarning ? "warning: " : "") +
                       (note.kind == Note::kRefusal ? "refusal: " : "") + note.text);
     EXPECT_EQ(notes, c.notes) << log;

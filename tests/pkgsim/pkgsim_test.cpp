@@ -232,6 +232,79 @@ TEST_F(PkgsimTest, ShowSaysWhenTheDatabaseIsDamagedAndTheResultFileStale) {
        "database was unreadable before\n  + signage"});
 }
 
+// The device's registration decides which plug-in pkgsim loads and which items it hands over, as the
+// installer decides: the tag rule, the prefix rule, a library that does not load, a malformed line. Each
+// request says which build it ran. A package installed for one user is not seen by the plug-in, which the
+// installer runs as root; show lists such packages apart.
+TEST_F(PkgsimTest, RegistrationsAndUsersDecideWhatThePluginGetsAndSees) {
+  const std::string registration = device_ + "/usr/share/parser-plugins/webapi-upgrade-plugin.info";
+  const std::string path = "/etc/package-manager/parserlib/metadata/libwebapi-upgrade-plugin.so";
+  const std::string ns = "http://korvane.com/tv/metadata", own = ReadFile(registration);
+  const std::string skips = "the installer skips this plug-in: its name ends in '/'";
+  const std::string signage = kPackages + "signage", drm = kPackages + "drmplayer-1.1.0";
+  const std::string home = device_ + "/opt/usr/home/owner";
+  const struct {
+    std::string registration;  // the registration file's content for this step
+    int status;
+    Args args;
+    Lines shown;
+    std::string err = "";  // the start of standard error
+  } steps[] = {
+      // clang-format off
+      {own, 0, {"show"}, {"plug-in registrations in usr/share/parser-plugins/, as the installer reads them:\n"
+          "  webapi-upgrade-plugin.info: type=\"metadata\";name=\"" + ns + "\";path=\"" + path + "\"\n"
+          "    the installer loads " + path + ", ", ", for the keys starting with " + ns + "\n", "database: "
+          "none yet"}},
+      {own, 0, {"--plugin", PKGSIM_STUB_NAMED, "install", signage}, {"plug-in " + ns + ": " PKGSIM_STUB_NAMED
+          " (--plugin) in place of " + path + ", the hardened build\ninstall "}},
+      {own, 1, {"--plugin", PKGSIM_STUB_UNNAMED, "--quiet", "check", kPackages + "mediaplayer"}, {"plug-in " +
+          ns + ": " PKGSIM_STUB_UNNAMED " (--plugin) in place of " + path + ", unknown build (no "
+          "WUP_POLICY_NAME)\ninstall "}},
+      {"type=\"metadata\";name=\"" + ns + "/upgradable_webapi_type\";path=\"" + path + "\"\n", 0,
+          {"--quiet", "install", kPackages + "mediaplayer"}, {"calling PKGMGR_MDPARSER_PLUGIN_INSTALL(" +
+          kMediaPlayer + ", " + kMediaPlayer + ", 1 item)\n", "  stored mediaplayer"}},
+      {"type=\"metadata\";name=\"" + ns + "/\";path=\"" + path + "\"\n", 0, {"--quiet", "install", signage},
+          {"plug-in registration webapi-upgrade-plugin.info: " + skips, "the plug-in is not called: " + skips,
+          "changes:\n  plug-in records: no change\n"}},
+      {"", 1, {"--quiet", "check", signage}, {"verdict: not stored: the plug-in is not called: " + skips}},
+      {"", 0, {"--quiet", "show"}, {"\n    " + skips + ", so its tag (the text after the last '/') is empty\n"}},
+      {"type=\"metadata\";name=\"" + ns + "\";path=\"/etc/none.so\"\n", 0, {"--quiet", "install", signage},
+          {"the plug-in is not called: the installer skips this plug-in: its library /etc/none.so does not "
+          "load (cannot load the plug-in: " + device_ + "/etc/none.so: "}},
+      {"flag=\"0x1\";" + own, 1, {"install", signage}, {}, "pkgsim: the installer cannot read its plug-in "
+          "registrations: webapi-upgrade-plugin.info line 1 is not type="},
+      {"", 0, {"show"}, {"  the installer cannot read its plug-in registrations: "}},
+      {own, 0, {"install", "--user", "5001", drm}, {"install " + kDrmPlayer + " 1.1.0 for user 5001: new "
+          "package\n", "  not stored: installed for user 5001 only: the installer runs the plug-in as root, "
+          "for which the package-information service does not list per-user packages, so the plug-in found "
+          "no such application\n", "changes:\n  plug-in records: no change\n"}},
+      {"", 1, {"--quiet", "check", "--user", "5002", drm}, {"verdict: not stored: installed for user 5002 "
+          "only: "}},
+      {"", 0, {"--quiet", "show"}, {"packages installed for one user (1), which the plug-in, run as root by "
+          "the installer, does not see:\n  " + kDrmPlayer + " 1.1.0 for user 5001 (opt/usr/home/owner)\n"}},
+      {"", 1, {"install", drm}, {}, "pkgsim: " + kDrmPlayer + " is installed for user 5001; it cannot be "
+          "installed for all users as well\n"},
+      {"", 1, {"uninstall", kDrmPlayer}, {}, "pkgsim: " + kDrmPlayer + " is installed for user 5001 only "
+          "(pkgsim uninstall --user 5001 " + kDrmPlayer + ")\n"},
+      // clang-format on
+  };
+  for (const auto& step : steps) {
+    if (!step.registration.empty()) wup_test::WriteFile(registration, step.registration);
+    const Outcome outcome = Expect(step.status, step.args, step.shown);
+    EXPECT_EQ(outcome.err.rfind(step.err, 0), 0u) << outcome.err;
+    EXPECT_EQ(outcome.err.empty(), step.err.empty()) << outcome.err;
+  }
+  // Where the device keeps one user's packages; an uninstall for that user removes them from there.
+  const std::string files = home + "/apps_rw/" + kDrmPlayer,
+                    manifest = home + "/.applications/packages/" + kDrmPlayer + ".xml";
+  EXPECT_EQ(ReadFile(files + "/shared/res/libdrmplayer.so"), ReadFile(drm + "/shared/res/libdrmplayer.so"));
+  EXPECT_EQ(ReadFile(manifest), ReadFile(drm + "/tizen-manifest.xml"));
+  EXPECT_FALSE(fs::exists(device_ + "/opt/usr/apps/" + kDrmPlayer));
+  Expect(0, {"uninstall", "--user", "5001", kDrmPlayer},
+         {"uninstall " + kDrmPlayer + " 1.1.0 for user 5001\n"});
+  EXPECT_FALSE(fs::exists(files) || fs::exists(manifest));
+}
+
 // Bad input ends with one line on standard error and exit status 1, before the device is touched;
 // command-line misuse with one line and 2; help with 0.
 TEST_F(PkgsimTest, BadInputAndMisuseAreRefusedWithOneLine) {
@@ -265,6 +338,12 @@ TEST_F(PkgsimTest, BadInputAndMisuseAreRefusedWithOneLine) {
       {2, {"install"}, "install takes at least one argument (pkgsim install --help)\n"},
       {2, {"uninstall", "--preload", "x"}, "--preload is an option of install and check\n"},
       {2, {"--device"}, "--device needs a value\n"},
+      {1, {"install", "--user", "5001", kPackages + "drmplayer-1.1.0"}, kDrmPlayer + " is on the device for "
+          "all users; it cannot be installed for one user\n"},
+      {2, {"install", "--user", "4999", signage}, "--user takes the uid of a regular user (5000 and above); "
+          "packages for all users are installed without it\n"},
+      {2, {"show", "--user", "5001"}, "--user is an option of install, check and uninstall\n"},
+      {2, {"install", "--user=5001", "--preload", signage}, "--user and --preload exclude each other\n"},
       // clang-format on
   };
   const auto tree = Tree(device_);

@@ -198,4 +198,35 @@ TEST_F(PkgmgrInfoStandIn, MetadataFilterWalksTheApplicationsThatCarryTheKey) {
   EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 3);
 }
 
+// A package installed for one user is seen by that user's processes only, never by root (the installer):
+// calls without a user answer for the calling process's user.
+TEST_F(PkgmgrInfoStandIn, PackagesOfOneUserAreSeenByThatUserOnly) {
+  const std::string home = Device().root + "/home/owner";
+  setenv("TZ_USER_PACKAGES", (home + "/packages").c_str(), 1);
+  setenv("TZ_USER_APP", (home + "/apps_rw").c_str(), 1);
+  MakeDirs(home + "/packages");
+  WriteManifest(home + "/packages", "mine", "1.0.0", {"mine"});
+  WriteManifest(rw_, "shared", "2.0.0", {"shared"});
+  const struct {
+    const char* uid;
+    std::string version, root, shared;
+  } callers[] = {{"5001", "1.0.0", home + "/apps_rw/mine", Device().rwApp + "/shared"},
+                 {"5000", "1.0.0", home + "/apps_rw/mine", Device().rwApp + "/shared"},
+                 {"4999", "<-3>", "<-3>", Device().rwApp + "/shared"},
+                 {"0", "<-3>", "<-3>", Device().rwApp + "/shared"}};
+  for (const auto& caller : callers) {
+    setenv("HOST_PKGMGRINFO_UID", caller.uid, 1);
+    EXPECT_EQ(Version("mine"), caller.version) << caller.uid;
+    EXPECT_EQ(RootPath("mine"), caller.root) << caller.uid;
+    EXPECT_EQ(RootPath("shared"), caller.shared) << caller.uid;
+  }
+  WriteFile(home + "/packages/mine.xml", "<manifest");
+  setenv("HOST_PKGMGRINFO_UID", "5001", 1);
+  EXPECT_EQ(RootPath("mine"), "<-1>") << "an application that may be in a broken manifest is an error";
+  unsetenv("HOST_PKGMGRINFO_UID");
+  EXPECT_EQ(RootPath("mine"), getuid() < 5000 ? "<-3>" : "<-1>")
+      << "the real uid answers without the variable";
+  for (const char* name : {"TZ_USER_PACKAGES", "TZ_USER_APP"}) unsetenv(name);
+}
+
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "commands.h"
 #include "installer.h"
+#include "registration.h"
 #include "report.h"
 #include "scratch.h"
 #include "traps.h"
@@ -27,13 +28,19 @@ bool StoredSomething(const std::vector<Call>& calls) {
 }
 
 // Why nothing was stored: the plug-in's own reason for the first call that gave one.
-std::string Refusal(const std::vector<Call>& calls, const Package& package) {
+std::string Refusal(const Device& device, const std::vector<Call>& calls, const Package& package,
+                    const Installer& installer) {
   if (calls.empty()) {
-    return "not stored: the plug-in is not called: no application of " + package.Id() + " has metadata of " +
-           kNamespace;
+    for (const Registration& entry : installer.Plugins().entries) {
+      if (entry.Loaded()) {
+        return "not stored: the plug-in is not called: no application of " + package.Id() +
+               " has metadata of " + entry.name;
+      }
+    }
+    return "not stored: the plug-in is not called: " + installer.Plugins().WhyNoneLoaded();
   }
   for (const Call& call : calls) {
-    for (const Note& note : Explain(call)) {
+    for (const Note& note : ExplainCall(device, call)) {
       if (note.kind != Note::kRefusal) continue;
       return note.text.compare(0, 11, "not stored:") == 0 ? note.text : "not stored: " + note.text;
     }
@@ -60,9 +67,10 @@ std::vector<std::string> UninstallTraps(const Device& device, const std::string&
 // Installs the package on the scratch copy, then says what the plug-in did, the traps and the verdict.
 bool CheckOnCopy(const Device& copy, const Device& device, const Package& package, const Options& options,
                  std::ostream& out) {
-  Installer installer(copy, options.plugin, out);
   out << "check " << package.Id() << " " << package.manifest.version << " on a scratch copy of "
       << (device.Exists() ? device.Root() : "an empty device") << " (the device does not change)\n";
+  const Device target = options.user != 0 ? copy.ForUser(options.user) : copy;
+  Installer installer(target, options.plugin, out);
   const Installer::Outcome outcome = installer.Install(package, options.preload, false);
   const Snapshot installed = Snapshot::Take(copy);
   ReportChanges(copy, outcome.before, Relocated(installed, copy, device), out);
@@ -72,11 +80,14 @@ bool CheckOnCopy(const Device& copy, const Device& device, const Package& packag
   const bool stored = StoredSomething(outcome.calls) && !records.empty();
   std::vector<std::string> traps = PackageTraps(package, copy, installed);
   if (stored) {
-    for (std::string& trap : UninstallTraps(copy, options.plugin, package)) traps.push_back(std::move(trap));
+    for (std::string& trap : UninstallTraps(target, options.plugin, package))
+      traps.push_back(std::move(trap));
   }
   out << "warnings:" << (traps.empty() ? " none" : "") << "\n";
   for (const std::string& trap : traps) out << "  " << trap << "\n";
-  out << "verdict: " << (stored ? "stored: " + JoinNames(NamesOf(records)) : Refusal(outcome.calls, package))
+  out << "verdict: "
+      << (stored ? "stored: " + JoinNames(NamesOf(records))
+                 : Refusal(target, outcome.calls, package, installer))
       << "\n";
   return stored;
 }
@@ -91,14 +102,16 @@ int Check(const Options& options) {
   if (options.preload && device.StateOf(package.Id()).Present()) {
     throw std::runtime_error(NotPreloadable(package.Id()));
   }
+  RequireOneOwner(device, options.user, package.Id());
   const TempDir scratch("pkgsim-check");
   const Device copy(scratch.Path() + "/device");
   if (device.Exists()) {
     CopyDevice(device, copy);
   } else {
     copy.Create();
+    RegisterPlugin(copy, PKGSIM_DEFAULT_PLUGIN);
   }
-  copy.Export();
+  (options.user != 0 ? copy.ForUser(options.user) : copy).Export();
   std::ostringstream out;
   const bool stored = CheckOnCopy(copy, device, package, options, out);
   std::cout << ReplaceAll(out.str(), copy.Root(), device.Root());

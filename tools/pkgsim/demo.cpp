@@ -26,7 +26,8 @@ struct DemoStep {
 std::vector<DemoStep> Tour(const std::string& root, const std::string& packages) {
   const std::string drmplayer = "com.korvane.tv.pepper.drmplayer";
   return {
-      {"A fresh copy of the sample device: a few applications, no plug-in yet",
+      {"A fresh copy of the sample device: a few applications, no plug-in package yet, and the plug-in's\n"
+       "registration, read as the installer reads it",
        {"init", "--sample", root},
        0},
       {"The system image brings the DRM player plug-in, preloaded: isUpdate 0, its allow-list unused",
@@ -70,8 +71,8 @@ std::vector<DemoStep> Tour(const std::string& root, const std::string& packages)
 }
 
 int RunStep(const Options& options, const std::string& root, const DemoStep& step) {
-  std::vector<std::string> argv = {"pkgsim",     "--device",      root, "--plugin", options.plugin,
-                                   "--examples", options.examples};
+  std::vector<std::string> argv = {"pkgsim", "--device", root, "--examples", options.examples};
+  if (!options.plugin.empty()) argv.insert(argv.end(), {"--plugin", options.plugin});
   if (options.quiet) argv.push_back("--quiet");
   argv.insert(argv.end(), step.args.begin(), step.args.end());
 

@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 
@@ -90,6 +91,8 @@ void Device::Place(const std::string& packageDir, const std::string& manifestPat
   // Files first, manifest last: the package-information service must never see a package whose files
   // are not there yet.
   ReplaceTree(packageDir, AppRoot(pkgid, readOnly));
+  std::error_code error;
+  fs::create_directories(fs::path(Manifest(pkgid, readOnly)).parent_path(), error);
   ReplaceFile(manifestPath, Manifest(pkgid, readOnly));
 }
 
@@ -105,6 +108,20 @@ std::vector<std::pair<std::string, PackageState>> Device::Packages() const {
   CollectManifests(RwPackagesDir(), false, packages);
   CollectManifests(RoPackagesDir(), true, packages);
   return {packages.begin(), packages.end()};
+}
+
+Device::UserPackageList Device::UserPackages() const {
+  std::map<unsigned, std::map<std::string, PackageState>> users;
+  std::error_code error;
+  for (const fs::directory_entry& home : fs::directory_iterator(layout_.homes, error)) {
+    const std::optional<unsigned> uid = layout_.UserOf(home.path().string());
+    if (uid) CollectManifests(layout_.UserPackages(*uid), false, users[*uid]);
+  }
+  UserPackageList packages;
+  for (const auto& [uid, manifests] : users) {
+    for (const auto& entry : manifests) packages.emplace_back(uid, entry.first);
+  }
+  return packages;
 }
 
 std::string Device::Foreground() const {

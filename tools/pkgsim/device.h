@@ -6,6 +6,7 @@
 #define PKGSIM_DEVICE_H_
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hostkit/layout.h"
@@ -24,6 +25,11 @@ struct PackageState {
 class Device {
  public:
   explicit Device(std::string root) : layout_(hostkit::Layout::At(root)) {}
+  explicit Device(hostkit::Layout layout) : layout_(std::move(layout)) {}
+
+  // The device as installations for one regular user see it (hostkit::Layout::ForUser).
+  Device ForUser(unsigned uid) const { return Device(layout_.ForUser(uid)); }
+  unsigned User() const { return layout_.user; }  // 0: installations for all users
 
   const std::string& Root() const { return layout_.root; }
   std::string DbDir() const { return layout_.db; }
@@ -33,6 +39,9 @@ class Device {
   std::string RoPackagesDir() const { return layout_.roPackages; }
   std::string VexDir() const { return layout_.vex; }
   std::string LogFile() const { return layout_.log; }
+  std::string RegistrationDir() const { return layout_.registrations; }
+  std::string MetadataPluginDir() const { return layout_.metadataPlugins; }
+  std::string UserHome(unsigned uid) const { return layout_.UserHome(uid); }
 
   std::string DbFile() const { return layout_.Database(); }
   std::string BackupFile() const { return layout_.Backup(); }
@@ -64,6 +73,9 @@ class Device {
 
   // Ids of the packages on the device, sorted, with where they are.
   std::vector<std::pair<std::string, PackageState>> Packages() const;
+  // The packages installed for one user: (uid, package id), by uid and id.
+  using UserPackageList = std::vector<std::pair<unsigned, std::string>>;
+  UserPackageList UserPackages() const;
 
   std::string Foreground() const;
   void SetForeground(const std::string& appid) const;

@@ -1,9 +1,11 @@
-// Setting a device up: init, foreground, and finding the device the other commands work on.
+// Setting a device up: init (the layout, the sample's files, the plug-in registered), foreground, and
+// finding the device the other commands work on.
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>
 
 #include "commands.h"
+#include "registration.h"
 
 namespace fs = std::filesystem;
 
@@ -36,8 +38,12 @@ int Init(const Options& options) {
              error);
     if (error) throw std::runtime_error("cannot copy the sample device: " + error.message());
   }
+  // As the plug-in's package does on a TV: its registration, and the library where it points.
+  RegisterPlugin(device, options.plugin.empty() ? PKGSIM_DEFAULT_PLUGIN : options.plugin);
   std::cout << "device created at " << device.Root() << (options.sample ? " (from the sample device)" : "")
             << "\n";
+  device.Export();
+  PrintRegistrations(device, LoadRegistrations(device, ""), std::cout);
   return 0;
 }
 

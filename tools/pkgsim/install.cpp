@@ -1,4 +1,5 @@
-// install and uninstall: the package manager's operations on the device, as one request per command.
+// install and uninstall: the package manager's operations on the device, as one request per command, for
+// all users or (--user) for one.
 #include <cstdint>
 #include <iostream>
 #include <set>
@@ -22,13 +23,15 @@ int Install(const Options& options) {
     if (options.preload && (again || device.StateOf(pkgid).Present())) {
       throw std::runtime_error(NotPreloadable(pkgid));
     }
+    RequireOneOwner(device, options.user, pkgid);
   }
-  device.Export();
-  Installer installer(device, options.plugin, std::cout);
+  const Device target = options.user != 0 ? device.ForUser(options.user) : device;
+  target.Export();
+  Installer installer(target, options.plugin, std::cout);
   std::vector<std::string> failed;
   for (const Package& package : packages) {
     const Installer::Outcome outcome = installer.Install(package, options.preload, options.failAfterPlugin);
-    ReportOperation(device, outcome, options.quiet, std::cout);
+    ReportOperation(target, outcome, options.quiet, std::cout);
     if (outcome.failed) failed.push_back(package.Id());
   }
   if (failed.empty()) return 0;
@@ -41,9 +44,10 @@ int Install(const Options& options) {
 int Uninstall(const Options& options) {
   ExpectArgs(options, 1, 1);
   const Device device = RequireDevice(options);
-  device.Export();
-  Installer installer(device, options.plugin, std::cout);
-  ReportOperation(device, installer.Uninstall(options.args[0]), options.quiet, std::cout);
+  const Device target = options.user != 0 ? device.ForUser(options.user) : device;
+  target.Export();
+  Installer installer(target, options.plugin, std::cout);
+  ReportOperation(target, installer.Uninstall(options.args[0]), options.quiet, std::cout);
   return 0;
 }
 

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -15,6 +16,21 @@ namespace pkgsim {
 namespace {
 
 std::string Items(std::size_t count) { return std::to_string(count) + (count == 1 ? " item" : " items"); }
+
+std::string ForUser(const Device& device) {
+  return device.User() == 0 ? "" : " for user " + std::to_string(device.User());
+}
+
+// The plug-in reads the package's kind first, from the application whose id is the package id: a failure
+// to read it without a line saying that the application lacks the key means the package-information
+// service did not find the application at all.
+bool FoundNoApplication(const Log& log) {
+  for (const LogEntry& entry : log) {
+    if (entry.Says(LogText::kNoMetadataEnd)) return false;
+    if (entry.Says(LogText::kTypeFailed)) return true;
+  }
+  return false;
+}
 
 // The installed version of a package, kept aside so that a failed upgrade can put it back.
 class PreviousVersion {
@@ -43,9 +59,22 @@ class PreviousVersion {
 
 }  // namespace
 
-Installer::Installer(const Device& device, std::string pluginPath, std::ostream& out)
-    : device_(device), pluginPath_(std::move(pluginPath)), out_(out) {
-  const PluginStep loadable(pluginPath_);
+Installer::Installer(const Device& device, const std::string& plugin, std::ostream& out)
+    : device_(device), registrations_(LoadRegistrations(device, plugin)), out_(out) {
+  registrations_.RequireReadable();
+}
+
+// Once per request, when its first operation starts: which plug-ins the installer calls, of which build.
+void Installer::Announce() {
+  if (announced_) return;
+  announced_ = true;
+  for (const Registration& entry : registrations_.entries) {
+    if (entry.Loaded()) {
+      out_ << "plug-in " << entry.name << ": " << entry.Loading() << "\n";
+    } else if (entry.IsMetadata()) {
+      out_ << "plug-in registration " << entry.file << ": " << entry.Verdict() << "\n";
+    }
+  }
 }
 
 Installer::Outcome Installer::Install(const Package& package, bool preload, bool failAfterPlugin) {
@@ -53,7 +82,8 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
   const PackageState state = device_.StateOf(pkgid);
   Outcome outcome;
   outcome.before = Snapshot::Take(device_);
-  out_ << "install " << pkgid << " " << package.manifest.version;
+  Announce();
+  out_ << "install " << pkgid << " " << package.manifest.version << ForUser(device_);
   if (preload) {
     out_ << ": preloaded into the read-only image\n";
   } else if (state.rw) {
@@ -94,6 +124,13 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
 
 Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   const PackageState state = IsSafePackageId(pkgid) ? device_.StateOf(pkgid) : PackageState{};
+  if (!state.Present() && device_.User() == 0) {
+    for (const auto& [uid, id] : device_.UserPackages()) {
+      if (id != pkgid) continue;
+      throw std::runtime_error(pkgid + " is installed for user " + std::to_string(uid) +
+                               " only (pkgsim uninstall --user " + std::to_string(uid) + " " + pkgid + ")");
+    }
+  }
   if (!state.Present()) throw std::runtime_error("unknown package: " + pkgid);
   if (!state.rw)
     throw std::runtime_error(pkgid + " is preloaded in the read-only image and cannot be uninstalled");
@@ -107,7 +144,8 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
 
   Outcome outcome;
   outcome.before = Snapshot::Take(device_);
-  out_ << "uninstall " << pkgid << " " << installed.version
+  Announce();
+  out_ << "uninstall " << pkgid << " " << installed.version << ForUser(device_)
        << (state.ro ? ": the update of a preloaded package\n" : "\n");
   RunStep(Operation::kUninstall, installed, outcome.calls);
   device_.Remove(pkgid, false);
@@ -118,16 +156,44 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   return outcome;
 }
 
+// What the plug-in can make of a package installed for one user: nothing, as the device's installer runs
+// it as root, whom the package-information service does not show such a package. Its own refusal names
+// the symptom; this is the cause.
+std::vector<Note> ExplainCall(const Device& device, const Call& call) {
+  std::vector<Note> notes = Explain(call);
+  if (device.User() == 0 || !FoundNoApplication(call.log)) return notes;
+  notes.erase(std::remove_if(notes.begin(), notes.end(),
+                             [](const Note& note) { return note.kind == Note::kRefusal; }),
+              notes.end());
+  notes.insert(notes.begin(),
+               {Note::kRefusal, "not stored: installed for user " + std::to_string(device.User()) +
+                                    " only: the installer runs the plug-in as root, for which the "
+                                    "package-information service does not list per-user packages, so the "
+                                    "plug-in found no such application"});
+  return notes;
+}
+
 void ReportOperation(const Device& device, const Installer::Outcome& outcome, bool quiet, std::ostream& out) {
   ReportChanges(device, outcome.before, Snapshot::Take(device), out);
   if (!quiet) PrintLog(ReadLog(device.LogFile(), outcome.before.logSize, getpid()), out);
 }
 
 void Installer::RunStep(Operation operation, const hostkit::Manifest& manifest, std::vector<Call>& calls) {
-  const PluginStep plugin(pluginPath_);
+  bool loaded = false;
+  for (const Registration& entry : registrations_.entries) {
+    if (!entry.Loaded()) continue;
+    loaded = true;
+    RunPlugin(entry, operation, manifest, calls);
+  }
+  if (!loaded) out_ << "the plug-in is not called: " << registrations_.WhyNoneLoaded() << "\n";
+}
+
+void Installer::RunPlugin(const Registration& entry, Operation operation, const hostkit::Manifest& manifest,
+                          std::vector<Call>& calls) {
+  const PluginStep plugin(entry.library);
   bool called = false;
   for (const hostkit::ManifestApp& app : manifest.apps) {
-    MetadataItems items = ItemsOfNamespace(app);
+    MetadataItems items = ItemsWithPrefix(app, entry.name);
     if (items.empty()) continue;
     called = true;
     Call call{operation, manifest, app.appid, std::move(items), {}, Snapshot::Take(device_), {}};
@@ -137,11 +203,11 @@ void Installer::RunStep(Operation operation, const hostkit::Manifest& manifest, 
     if (result != 0) out_ << "  returned " << result << "\n";
     call.after = Snapshot::Take(device_);
     call.log = ReadLog(device_.LogFile(), call.before.logSize, getpid());
-    PrintNotes(Explain(call), out_);
+    PrintNotes(ExplainCall(device_, call), out_);
     calls.push_back(std::move(call));
   }
   if (!called) {
-    out_ << "no application of " << manifest.package << " has metadata of " << kNamespace
+    out_ << "no application of " << manifest.package << " has metadata of " << entry.name
          << ": the plug-in is not called\n";
   }
 }

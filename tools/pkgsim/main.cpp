@@ -7,9 +7,10 @@
 //   check                check.cpp, on scratch.cpp (a scratch copy of the device) and traps.cpp
 //   show                 show.cpp, on scratch.cpp
 //   demo                 demo.cpp (each step a pkgsim process of its own)
-// The plug-in is called through plugin.h (hostkit/plugin_call.h). What a command says of the plug-in's
-// decisions comes from explain.cpp, which reads the log through log.cpp; what changed on the device from
-// snapshot.cpp and report.cpp. The help texts are in help.cpp.
+// Which plug-ins are called, and for which keys, comes from the device's registrations (registration.cpp);
+// each is called through plugin.h (hostkit/plugin_call.h). What a command says of the plug-in's decisions
+// comes from explain.cpp, which reads the log through log.cpp; what changed on the device from snapshot.cpp
+// and report.cpp. The help texts are in help.cpp.
 #include <iostream>
 #include <stdexcept>
 #include <string>

@@ -39,7 +39,25 @@ bool TakeFlag(const std::string& arg, Options& options) {
   return false;
 }
 
+// A regular user's uid, as the installer takes it for an installation for one user.
+unsigned TakeUser(const std::vector<std::string>& argv, std::size_t& i) {
+  const std::string uid = TakeValue(argv, i);
+  const bool digits =
+      !uid.empty() && uid.size() <= 9 && uid.find_first_not_of("0123456789") == std::string::npos;
+  if (!digits || std::stoul(uid) < hostkit::kFirstRegularUid) {
+    throw UsageError("--user takes the uid of a regular user (" + std::to_string(hostkit::kFirstRegularUid) +
+                     " and above); packages for all users are installed without it");
+  }
+  return static_cast<unsigned>(std::stoul(uid));
+}
+
 void CheckFlagsBelong(const Options& options) {
+  if (options.help) return;
+  const std::string& command = options.command;
+  if (options.user != 0 && command != "install" && command != "check" && command != "uninstall") {
+    throw UsageError("--user is an option of install, check and uninstall");
+  }
+  if (options.user != 0 && options.preload) throw UsageError("--user and --preload exclude each other");
   for (const CommandFlag& flag : kCommandFlags) {
     if (!(options.*flag.member) || options.help) continue;
     bool belongs = false;
@@ -64,7 +82,9 @@ Options Parse(const std::vector<std::string>& argv) {
       options.device = TakeValue(argv, i);
       options.deviceGiven = true;
     } else if (name == "--plugin") {
-      options.plugin = TakeValue(argv, i);
+      options.plugin = Absolute(TakeValue(argv, i));
+    } else if (name == "--user") {
+      options.user = TakeUser(argv, i);
     } else if (name == "--examples") {
       options.examples = TakeValue(argv, i);
     } else if (arg == "--quiet" || arg == "-q") {

@@ -18,7 +18,7 @@ struct UsageError : std::runtime_error {
 struct Options {
   std::string device;
   bool deviceGiven = false;
-  std::string plugin = PKGSIM_DEFAULT_PLUGIN;
+  std::string plugin;  // --plugin: loaded in place of the library the device's registration names
   std::string examples = PKGSIM_EXAMPLES_DIR;
   bool quiet = false;
   bool help = false;
@@ -27,6 +27,7 @@ struct Options {
   bool none = false;             // foreground
   bool sample = false;           // init
   bool keep = false;             // demo
+  unsigned user = 0;             // install, check, uninstall: --user UID, 0 for all users
   std::string command;
   std::vector<std::string> args;
 };

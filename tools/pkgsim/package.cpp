@@ -33,6 +33,18 @@ std::string NotPreloadable(const std::string& pkgid) {
   return pkgid + " is already on the device; only a package that is not there can be preloaded";
 }
 
+void RequireOneOwner(const Device& device, unsigned user, const std::string& pkgid) {
+  if (user != 0 && device.StateOf(pkgid).Present()) {
+    throw std::runtime_error(pkgid + " is on the device for all users; it cannot be installed for one user");
+  }
+  for (const auto& [owner, id] : device.UserPackages()) {
+    if (user == 0 && id == pkgid) {
+      throw std::runtime_error(pkgid + " is installed for user " + std::to_string(owner) +
+                               "; it cannot be installed for all users as well");
+    }
+  }
+}
+
 std::string VersionOnDevice(const Device& device, const std::string& pkgid, bool readOnly) {
   hostkit::Manifest manifest;
   std::string reason;

@@ -27,6 +27,10 @@ hostkit::Manifest ReadManifestOrFail(const std::string& path, const std::string&
 // Why a package that is on the device, or twice in one request, cannot be preloaded.
 std::string NotPreloadable(const std::string& pkgid);
 
+// Throws std::runtime_error when the package is on the device for other users than `user` (0: all users):
+// a package is installed either for all users or for single users.
+void RequireOneOwner(const Device& device, unsigned user, const std::string& pkgid);
+
 // The version of the package on the device, in the writable area or the read-only image.
 std::string VersionOnDevice(const Device& device, const std::string& pkgid, bool readOnly);
 

@@ -2,10 +2,10 @@
 
 namespace pkgsim {
 
-MetadataItems ItemsOfNamespace(const hostkit::ManifestApp& app) {
+MetadataItems ItemsWithPrefix(const hostkit::ManifestApp& app, const std::string& name) {
   MetadataItems items;
   for (const auto& item : app.metadata) {
-    if (item.first.compare(0, kNamespace.size(), kNamespace) == 0) items.push_back(item);
+    if (item.first.compare(0, name.size(), name) == 0) items.push_back(item);
   }
   return items;
 }

@@ -22,14 +22,19 @@ using hostkit::EntryPointName;
 using hostkit::MetadataItems;
 using hostkit::Operation;
 
-// The items of an application that the package manager hands to the plug-in: those whose key starts
-// with the namespace, in manifest order. The manifest reader leaves out a <metadata> without a key and
-// reads a missing value as the empty string, so every item it gives has both set.
-MetadataItems ItemsOfNamespace(const hostkit::ManifestApp& app);
+// The items of an application that the package manager hands to a plug-in registered as `name`: those
+// whose key starts with the name, in manifest order. The manifest reader leaves out a <metadata> without
+// a key and reads a missing value as the empty string, so every item it gives has both set.
+MetadataItems ItemsWithPrefix(const hostkit::ManifestApp& app, const std::string& name);
+// The items of the plug-in's own namespace.
+inline MetadataItems ItemsOfNamespace(const hostkit::ManifestApp& app) {
+  return ItemsWithPrefix(app, kNamespace);
+}
 
 // One plug-in step: the plug-in loaded when it starts and unloaded when it ends; loading throws
 // std::runtime_error with dlerror's text when the library or an entry point is missing. The device must
-// already be exported, since the plug-in fixes its paths at its first load.
+// already be exported, since the plug-in fixes its paths at its first load. PolicyName says which build
+// of the plug-in it is.
 using PluginStep = hostkit::PluginLibrary;
 
 }  // namespace pkgsim

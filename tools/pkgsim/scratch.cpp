@@ -58,7 +58,8 @@ void CopyDevice(const Device& from, const Device& to) {
   for (auto it = fs::recursive_directory_iterator(from.Root(), error); !error && it != fs::end(it);
        it.increment(error)) {
     if (it->path() == log) continue;
-    CopyEntry(*it, fs::path(to.Root()) / fs::relative(it->path(), from.Root()), from, to);
+    // Lexically: fs::relative would follow a symbolic link (the registered plug-in) out of the device.
+    CopyEntry(*it, fs::path(to.Root()) / it->path().lexically_relative(from.Root()), from, to);
   }
   if (error) Fail("read", from.Root(), error);
   to.Create();

@@ -6,6 +6,7 @@
 #include <json/json.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iostream>
 #include <set>
@@ -15,6 +16,7 @@
 #include "explain.h"
 #include "package.h"
 #include "plugin.h"
+#include "registration.h"
 #include "report.h"
 #include "scratch.h"
 
@@ -22,6 +24,7 @@ namespace pkgsim {
 namespace {
 
 struct Probe {
+  std::string registrations;  // as the installer reads them, with the device's paths
   DatabaseEvent opened{DatabaseEvent::kPassed, ""};
   bool checked = false;  // the plug-in opened its database
   Snapshot after;
@@ -33,12 +36,19 @@ Probe ProbeDevice(const Device& device, const std::string& plugin, const PluginR
   const Device copy(scratch.Path() + "/device");
   CopyDevice(device, copy);
   copy.Export();
+  Probe probe;
+  const Registrations registrations = LoadRegistrations(copy, plugin);
+  std::ostringstream text;
+  PrintRegistrations(copy, registrations, text);
+  probe.registrations = ReplaceAll(text.str(), copy.Root(), device.Root());
+  const auto loaded = std::find_if(registrations.entries.begin(), registrations.entries.end(),
+                                   [](const Registration& entry) { return entry.Loaded(); });
+  if (loaded == registrations.entries.end()) return probe;
   std::string name = "pkgsim-probe";
   while (rows.count(name) != 0) name += "-";
   const std::string pkgid = "pkgsim.probe.pepper." + name;
   const Snapshot before = Snapshot::Take(copy);
-  PluginStep(plugin).Call(Operation::kUninstall, pkgid, pkgid, {{kTypeKey, "pepperplugin"}});
-  Probe probe;
+  PluginStep(loaded->library).Call(Operation::kUninstall, pkgid, pkgid, {{kTypeKey, "pepperplugin"}});
   const std::vector<DatabaseEvent> events = DatabaseEvents(ReadLog(copy.LogFile(), 0, getpid()));
   probe.checked = !events.empty();
   if (probe.checked) probe.opened = events.front();
@@ -111,6 +121,17 @@ void PrintPackages(const Device& device) {
     if (state.rw) std::cout << VersionOnDevice(device, pkgid, false) << (state.ro ? "" : " installed");
     std::cout << "\n";
   }
+  // The installer runs the plug-in as root, and root is not shown a user's own packages.
+  const auto forUsers = device.UserPackages();
+  if (forUsers.empty()) return;
+  std::cout << "packages installed for one user (" << forUsers.size()
+            << "), which the plug-in, run as root by the installer, does not see:\n";
+  for (const auto& [uid, pkgid] : forUsers) {
+    const Device user = device.ForUser(uid);
+    std::cout << "  " << pkgid << " " << VersionOnDevice(user, pkgid, false) << " for user " << uid << " ("
+              << std::filesystem::path(user.UserHome(uid)).lexically_relative(device.Root()).string()
+              << ")\n";
+  }
 }
 
 }  // namespace
@@ -121,7 +142,7 @@ int Show(const Options& options) {
   const Snapshot snapshot = Snapshot::Take(device);
   const Probe probe = ProbeDevice(device, options.plugin, snapshot.rows);
 
-  std::cout << "device " << device.Root() << "\n";
+  std::cout << "device " << device.Root() << "\n" << probe.registrations;
   PrintPackages(device);
   const std::string foreground = device.Foreground();
   std::cout << "foreground: " << (foreground.empty() ? "none" : foreground) << "\n";

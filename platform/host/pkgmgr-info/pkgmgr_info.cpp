@@ -5,6 +5,9 @@
 //   TZ_SYS_RO_PACKAGES  manifests of preloaded packages              (default /usr/share/packages)
 //   TZ_SYS_RW_APP       root of installed packages' directories      (default /opt/usr/apps)
 //   TZ_SYS_RO_APP       root of preloaded packages' directories      (default /usr/apps)
+//   HOST_PKGMGRINFO_UID  the calling process's user (default: its real uid). From 5000 on (regular users)
+//                        the user's own packages are seen too: manifests in TZ_USER_PACKAGES, directories
+//                        in TZ_USER_APP; below (root: the installer, and the plug-in it runs) they are not.
 //   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names (blanks around them ignored); those
 //                         calls answer -1 (error) before looking at their arguments. A forced failure of
 //                         a destroy call still releases the handle, so that provoking it never leaks.
@@ -25,18 +28,21 @@
 #include <pkgmgr-info.h>
 #include <strings.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "hostkit/fail_list.h"
+#include "hostkit/layout.h"
 #include "manifest_index.h"
 
 namespace {
@@ -123,6 +129,15 @@ Area ReadOnly() {
   return {EnvDir("TZ_SYS_RO_PACKAGES", "/usr/share/packages"), EnvDir("TZ_SYS_RO_APP", "/usr/apps")};
 }
 
+// The packages installed for the calling process's user alone, when it is a regular user that has any.
+std::optional<Area> ForUser() {
+  const char* uid = std::getenv("HOST_PKGMGRINFO_UID");
+  const unsigned long caller = uid != nullptr && *uid != '\0' ? std::strtoul(uid, nullptr, 10) : getuid();
+  const Area user = {EnvDir("TZ_USER_PACKAGES", ""), EnvDir("TZ_USER_APP", "")};
+  if (caller < hostkit::kFirstRegularUid || user.packages.empty()) return std::nullopt;
+  return user;
+}
+
 std::string ManifestPath(const Area& area, const std::string& package) {
   return area.packages + "/" + package + ".xml";
 }
@@ -200,13 +215,16 @@ int pkgmgrinfo_appinfo_get_appinfo(const char* appid, pkgmgrinfo_appinfo_h* hand
   if (appid == nullptr || handle == nullptr) return PMINFO_R_EINVAL;
   auto app = std::make_unique<AppInfo>();
   const Area writable = Writable();
+  const std::optional<Area> user = ForUser();
   const std::lock_guard<std::mutex> lock(IndexMutex());
-  Search search = FindApp(writable, nullptr, appid, *app);
+  const Search own = user ? FindApp(*user, nullptr, appid, *app) : Search::kNotFound;
+  Search search = own == Search::kFound ? own : FindApp(writable, nullptr, appid, *app);
   if (search != Search::kFound) {
     // An application not found next to a broken manifest may well be in it: that is an error, not absence.
     const Search preloaded = FindApp(ReadOnly(), &ManifestsOf(writable), appid, *app);
     if (preloaded != Search::kNotFound) search = preloaded;
   }
+  if (search == Search::kNotFound) search = own;
   if (search != Search::kFound) return ToResult(search);
   *handle = Register(&Bookkeeping::appinfos, app.release());
   return PMINFO_R_OK;
@@ -242,7 +260,9 @@ int pkgmgrinfo_pkginfo_get_pkginfo(const char* pkgid, pkgmgrinfo_pkginfo_h* hand
   if (pkgid == nullptr || handle == nullptr) return PMINFO_R_EINVAL;
   if (!IsPackageName(pkgid)) return PMINFO_R_ENOENT;
   const std::lock_guard<std::mutex> lock(IndexMutex());
-  host::ManifestEntry* entry = FindManifest(Writable(), pkgid);
+  const std::optional<Area> user = ForUser();
+  host::ManifestEntry* entry = user ? FindManifest(*user, pkgid) : nullptr;
+  if (entry == nullptr) entry = FindManifest(Writable(), pkgid);
   if (entry == nullptr) entry = FindManifest(ReadOnly(), pkgid);
   if (entry == nullptr) return PMINFO_R_ENOENT;
   const hostkit::Manifest* manifest = entry->Parsed();
