@@ -25,8 +25,9 @@ class PluginHandler {
   // Hardened build: true unless the result file differs from the document the records give.
   bool m_ResultMatchesRecords();
   // Hardened build: once the open check had to start an empty database, stores again every installed
-  // package that carries the plug-in's type key, but `leaving`, the package being uninstalled.
-  void m_RebuildLostRecords(const std::string& leaving);
+  // package that carries the plug-in's type key, but `current`, the package of the call at hand (an
+  // install stores it next, an uninstall removes it).
+  void m_RebuildLostRecords(const std::string& current);
 
  private:
   PluginDataMap m_pluginMap;

@@ -34,7 +34,8 @@ bool RemovePackageRecords(const std::string& pkgid, const std::string& name) {
 // A null id is not tested for: the string constructor throws, and the exception leaves the plug-in.
 void PluginHandler::HandleSingleTpk(const char* pkgid) {
   std::string id(pkgid);
-  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords("");
+  // The package at hand is left to the steps below, which store it once whatever the rebuild found.
+  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords(id);
   std::string version = strDEFAULT_VERSION;
   // An unreadable version leaves "0.0.0", which a plug-in not yet recorded also has: nothing is stored.
   CSingleton<PluginDataUtil>::GetInstance()->GetTPKVersionByID(id, version);
@@ -159,7 +160,7 @@ bool PluginHandler::m_ResultMatchesRecords() {
   return false;
 }
 
-void PluginHandler::m_RebuildLostRecords(const std::string& leaving) {
+void PluginHandler::m_RebuildLostRecords(const std::string& current) {
   DBUtil* db = CSingleton<DBUtil>::GetInstance();
   if (!db->TakeRecordsLost()) return;
   PLUGIN_LOG("both database files were damaged: rebuild the records from the installed packages");
@@ -168,7 +169,7 @@ void PluginHandler::m_RebuildLostRecords(const std::string& leaving) {
   if (!dataUtil->GetPackagesWithMetadata(strMETADATA_TYPE_KEY, packages)) return;
   db->GetPluginListFromDB(m_pluginMap);  // empty now: every package compares with "0.0.0"
   for (std::string pkgid : packages) {
-    if (pkgid == leaving) continue;
+    if (pkgid == current) continue;
     std::string version = strDEFAULT_VERSION;
     dataUtil->GetTPKVersionByID(pkgid, version);
     PLUGIN_LOG("rebuild pkgid = [%s], version = [%s]", pkgid.c_str(), version.c_str());
