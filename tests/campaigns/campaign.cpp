@@ -728,11 +728,13 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
     diff += " result file: expected " + std::string(model.published ? "" : "no ") + "record of target;";
   if (!diff.empty()) tally.Note(where + ", expected " + label + ":" + diff, "finding", "mismatch", kWrong);
 
-  // Both installed packages recorded in a usable main file, or records lost (the model says which).
+  // Both installed packages recorded in a usable main file, the target as installed now, or records lost
+  // (the model says which).
   const Entry after = Observe(device.DatabasePath(), scratch);
   const auto versions = after.content && after.content->valid ? after.content->Versions()
                                                               : std::map<std::string, std::string>();
-  if (versions.count(kTarget) == 0 || versions.count(kOther) == 0) {
+  const auto target = versions.find(kTarget);
+  if (target == versions.end() || target->second != kTargetVersion || versions.count(kOther) == 0) {
     const bool blocked = after.kind == Entry::kDir && !after.emptyDir;
     tally.Note(where, "records of the installed packages", blocked ? "blocked by a directory" : "lost",
                blocked ? kBlocked : kRecordsLost);
