@@ -93,6 +93,7 @@ struct Database {
   std::string bytes;
   bool valid = false;    // non-empty, integrity_check "ok" and both tables: the open check keeps it
   bool accepts = false;  // the plug-in's insert of a record succeeds on it
+  bool foreign = false;  // its plug-in table has other columns than the plug-in's own
   Rows rows;             // of the plug-in table, by name, when valid
 };
 
@@ -146,6 +147,9 @@ Database Inspect(const std::string& path, const std::string& scratch) {
       "sqlite_master where type = 'table' and name in ('pluginTable', 'versionTable')) = 2";
   database.valid = Query(db, valid) == Rows{{"1"}};
   if (database.valid) database.rows = Query(db, "select * from pluginTable order by name");
+  database.foreign = Query(db, "select group_concat(name) from pragma_table_info('pluginTable')") !=
+                     Rows{{"name,version,path,pkgid,entryPoints,pluginType,hasForceMetaData,isUpdate,appWhiteList,"
+                           "systemPath"}};
   database.accepts = Exec(scratch,
                           "PRAGMA synchronous = OFF; insert or replace into pluginTable values("
                           "'target', '3.0', '', '', '', 1, 0, 1, '', '')");
@@ -514,43 +518,52 @@ Entry Observe(const std::string& path, const std::string& scratch) {
 // the main path is followed by SQLite (so a database behind it is used, and one is created behind a
 // dangling link); the removal before a re-creation takes away a link, a FIFO or an empty directory, not
 // a directory with something in it. The label it gives is the class run.sh explains.
+//
+// With `hardened`, it is a second opinion of the hardened build's decisions, written from what that build
+// promises rather than from its code: a plug-in table with other columns counts as damaged; a copy touches
+// its destination only with the whole content (staged and renamed over it), so an empty or unreadable
+// source leaves the destination as it was; after a database started afresh, the records are rebuilt from
+// the installed packages that carry the type key (here the other plug-in and the target).
 struct Model {
   std::string Install() {
     std::string label = OpenCheck();
-    if (OpenCheck(), !Valid(main)) {
-      label += "+not-stored";
-    } else if (Insert(main)) {
-      Copy(main, backup);
-    } else if (Copy(backup, main) && Insert(main)) {
-      Copy(main, backup);
-      label += "+retried";
-    } else {
-      label += "+lost";
-    }
+    if (hardened && label == "recreated") Write({{kOther, kOtherVersion}, {kTarget, kTargetVersion}});
+    label += Write({{kTarget, kTargetVersion}});
     OpenCheck();
     published = Valid(main) && main.content->Versions().count(kTarget) != 0;
     return label;
   }
 
+  // The guarded write of records: into the main file, once more after the backup is copied over it if
+  // the statement fails, then the backup refreshed. Returns what became of it, as the label's suffix.
+  std::string Write(const Rows& records) {
+    if (OpenCheck(), !Valid(main)) return "+not-stored";
+    if (Insert(main, records)) return Copy(main, backup), "";
+    if (Copy(backup, main) && Insert(main, records)) return Copy(main, backup), "+retried";
+    return "+lost";
+  }
+
   static bool Exists(const Entry& entry) {
     return entry.kind == Entry::kDir || entry.kind == Entry::kFifo || entry.content;
   }
-  static bool Valid(const Entry& entry) { return entry.content && entry.content->valid; }
-
-  // The destination is opened (created, truncated) before the source's size is known.
-  bool Copy(const Entry& source, Entry& dest) {
-    if (!Exists(source) || dest.kind == Entry::kLink || dest.kind == Entry::kDir) return false;
-    dest.kind = Entry::kFile;
-    dest.content = Content();
-    if (!source.content || (source.content->bytesKnown && source.content->bytes.empty())) return false;
-    dest.content = source.content;
-    return true;
+  bool Valid(const Entry& entry) const {
+    return entry.content && entry.content->valid && !(hardened && entry.content->foreign);
   }
 
-  bool Insert(Entry& entry) {
+  // The default build opens (creates, truncates) the destination before the source's size is known.
+  bool Copy(const Entry& source, Entry& dest) {
+    if (!Exists(source) || dest.kind == Entry::kLink || dest.kind == Entry::kDir) return false;
+    const bool whole = source.content && !(source.content->bytesKnown && source.content->bytes.empty());
+    if (!whole && hardened) return false;
+    dest.kind = Entry::kFile;
+    dest.content = whole ? source.content : Content();
+    return whole;
+  }
+
+  static bool Insert(Entry& entry, const Rows& records) {
     Content& content = *entry.content;
     if (!content.accepts) return false;
-    content.rows.push_back({kTarget, kTargetVersion});  // only the versions are compared
+    for (const auto& record : records) content.rows.push_back(record);  // only the versions are compared
     content.bytesKnown = false;
     content.generation = ++Content::generations;
     return true;
@@ -571,6 +584,7 @@ struct Model {
   }
 
   Entry main, backup;
+  bool hardened = false;
   bool published = false;
 };
 
@@ -696,7 +710,7 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
   damage.Place(mainKind, device.DatabasePath(), swapped ? older : newer, elsewhere);
   damage.Place(backupKind, device.BackupPath(), swapped ? newer : older, elsewhere);
 
-  Model model{Observe(device.DatabasePath(), scratch), Observe(device.BackupPath(), scratch)};
+  Model model{Observe(device.DatabasePath(), scratch), Observe(device.BackupPath(), scratch), tally.hardened()};
   std::map<std::string, std::string> aside;  // files behind links, byte for byte
   for (const auto& file : fs::directory_iterator(elsewhere))
     aside[file.path()] = wup_test::ReadFile(file.path());
