@@ -191,7 +191,7 @@ enum Class {
   kHalfStored,
   kOrphaned,
   kBusyRestore,
-  kBlocked,  // a directory with files in it at the main path: no build removes what it does not own
+  kBlocked,  // a link or directory at the main path: no build writes through a link or removes a directory
   kHang,
   kCrash,
   kWrong,
@@ -203,7 +203,7 @@ const char* const kClassNames[] = {"",
                                    "half-stored packages",
                                    "orphaned records",
                                    "restores of a busy database",
-                                   "writes blocked by a directory at the main path",
+                                   "writes blocked by a link or directory at the main path",
                                    "hangs",
                                    "crashes",
                                    "other findings"};
@@ -530,6 +530,9 @@ struct Model {
     label += Write({{kTarget, kTargetVersion}});
     OpenCheck();
     published = Valid(main) && main.content->Versions().count(kTarget) != 0;
+    // The default build writes a result document whatever it read (an empty list for no records); the
+    // hardened one leaves the file as it was (none, on this device) when it cannot read the records.
+    resultWritten = !hardened || Valid(main);
     return label;
   }
 
@@ -584,7 +587,7 @@ struct Model {
 
   Entry main, backup;
   bool hardened = false;
-  bool published = false;
+  bool published = false, resultWritten = false;
 };
 
 // A version database as the plug-in leaves it (schema "ours"), or with a table missing or foreign, with
@@ -737,8 +740,11 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
     if (!behindMain && wup_test::ReadFile(path) != bytes) diff += " " + path + " written through a link;";
   }
   const bool published = device.ResultFile().find("\"name\" : \"target\"") != std::string::npos;
-  if (device.ResultFile().empty() || published != model.published)
+  if (device.ResultFile().empty() != !model.resultWritten) {
+    diff += std::string(" result file: expected ") + (model.resultWritten ? "one;" : "none;");
+  } else if (published != model.published) {
     diff += " result file: expected " + std::string(model.published ? "" : "no ") + "record of target;";
+  }
   if (!diff.empty()) tally.Note(where + ", expected " + label + ":" + diff, "finding", "mismatch", kWrong);
 
   // Both installed packages recorded in a usable main file, the target as installed now, or records lost
@@ -748,8 +754,8 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
                                                               : std::map<std::string, std::string>();
   const auto target = versions.find(kTarget);
   if (target == versions.end() || target->second != kTargetVersion || versions.count(kOther) == 0) {
-    const bool blocked = after.kind == Entry::kDir && !after.emptyDir;
-    tally.Note(where, "records of the installed packages", blocked ? "blocked by a directory" : "lost",
+    const bool blocked = after.kind == Entry::kDir || after.kind == Entry::kLink;
+    tally.Note(where, "records of the installed packages", blocked ? "blocked by a link or directory" : "lost",
                blocked ? kBlocked : kRecordsLost);
   } else {
     tally.Note(where, "records of the installed packages", "both stored");
