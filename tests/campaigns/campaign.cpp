@@ -153,9 +153,10 @@ Database Inspect(const std::string& path, const std::string& scratch) {
       "sqlite_master where type = 'table' and name in ('pluginTable', 'versionTable')) = 2";
   database.valid = Query(db, valid) == Rows{{"1"}};
   if (database.valid) database.rows = Query(db, "select * from pluginTable order by name");
-  database.foreign = Query(db, "select group_concat(name) from pragma_table_info('pluginTable')") !=
-                     Rows{{"name,version,path,pkgid,entryPoints,pluginType,hasForceMetaData,isUpdate,appWhiteList,"
-                           "systemPath"}};
+  database.foreign =
+      Query(db, "select group_concat(name) from pragma_table_info('pluginTable')") !=
+      Rows{{"name,version,path,pkgid,entryPoints,pluginType,hasForceMetaData,isUpdate,appWhiteList,"
+            "systemPath"}};
   database.accepts = Exec(scratch,
                           "PRAGMA synchronous = OFF; insert or replace into pluginTable values("
                           "'target', '3.0', '', '', '', 1, 0, 1, '', '')");
@@ -214,7 +215,8 @@ const char* const kClassNames[] = {"",
                                    "crashes",
                                    "other findings"};
 
-// The run cannot go on at full strength (the write shim stopped, the library names no build): the campaign's own failure.
+// The run cannot go on at full strength (the write shim stopped, the library names no build): the campaign's
+// own failure.
 constexpr int kInstrumentFailed = 3;
 [[noreturn]] void InstrumentFailed(const std::string& what) {
   std::fflush(stdout);
@@ -226,7 +228,8 @@ constexpr int kInstrumentFailed = 3;
 // judged, and stops the run.
 std::string PolicyOf(void* library) {
   const void* name = library != nullptr ? dlsym(library, "WUP_POLICY_NAME") : nullptr;
-  if (name == nullptr) InstrumentFailed(WUP_PLUGIN_LIBRARY + std::string(" names no build (WUP_POLICY_NAME)"));
+  if (name == nullptr)
+    InstrumentFailed(WUP_PLUGIN_LIBRARY + std::string(" names no build (WUP_POLICY_NAME)"));
   return static_cast<const char*>(name);
 }
 
@@ -243,7 +246,8 @@ class Tally {
     auto aspect_ = std::find_if(aspects_.begin(), aspects_.end(), [&](auto& a) { return a.first == aspect; });
     if (aspect_ == aspects_.end()) aspect_ = aspects_.insert(aspects_.end(), {aspect, {}});
     auto& outcomes = aspect_->second;
-    auto outcome_ = std::find_if(outcomes.begin(), outcomes.end(), [&](auto& o) { return o.name == outcome; });
+    auto outcome_ =
+        std::find_if(outcomes.begin(), outcomes.end(), [&](auto& o) { return o.name == outcome; });
     if (outcome_ == outcomes.end()) outcome_ = outcomes.insert(outcomes.end(), {outcome, at, 0});
     ++outcome_->count;
     ++notes_;
@@ -281,6 +285,15 @@ class Tally {
   std::vector<std::string> findings_;
   long notes_ = 0;
 };
+
+// How a call ended, and what that costs: normally, with a failure the package manager sees (wrong unless
+// the caller allows it), a hang (the watchdog's alarm) or a crash.
+std::pair<const char*, Class> Ended(int status, bool mayFail = false) {
+  if (status == 0) return {"ended normally", kFine};
+  if (status == 128 + SIGALRM) return {"hung", kHang};
+  if (status > 128) return {"crashed", kCrash};
+  return {"failed", mayFail ? kFine : kWrong};
+}
 
 // --- The crash campaign ---------------------------------------------------------------------------------
 
@@ -401,10 +414,11 @@ class Campaign {
                                                                                        : "partial";
     const bool whole = result == "absent" || result == "old" || result == "new";
     if (ended && cut.result != once_.result && whole) result += ", though the call had ended";
-    Note("result file after the cut", result, whole && (!ended || cut.result == once_.result) ? kFine : kWrong);
+    Note("result file after the cut", result,
+         whole && (!ended || cut.result == once_.result) ? kFine : kWrong);
     if (ended) {
       Note("records after a cut once the call had ended",
-           cut.main.rows == once_.main.rows ? "as the call left them" : "rolled back", 
+           cut.main.rows == once_.main.rows ? "as the call left them" : "rolled back",
            cut.main.rows == once_.main.rows ? kFine : kRecordsLost);
     }
     const bool says = SaysWhatFailed(cut.log);
@@ -420,10 +434,11 @@ class Campaign {
     // the design keeps; the result file is current, or stale only the way the design keeps.
     const int next = CallPlugin(step.operation, step.package);
     if (next == WUP_SHIM_FAILED) InstrumentFailed(where_);
-    Note("next call", next == 0 ? "ended normally" : next == 128 + SIGALRM ? "hung" : "failed",
-         next == 0 ? kFine : next == 128 + SIGALRM ? kHang : next > 128 ? kCrash : kWrong);
+    const auto [nextEnded, nextCost] = Ended(next);
+    Note("next call", nextEnded, nextCost);
     const State after = Observe();
-    Note("main file after the next call", after.main.valid ? "valid" : "invalid", after.main.valid ? kFine : kWrong);
+    Note("main file after the next call", after.main.valid ? "valid" : "invalid",
+         after.main.valid ? kFine : kWrong);
     const Rows& rows = after.main.rows;
     const std::string& pkgid = step.package.pkgid;
     // With every record lost, the next call stores the package's own again (an uninstall stores nothing).
@@ -461,7 +476,8 @@ class Campaign {
                                                                    : "behind the main file");
   }
 
-  void Note(const std::string& aspect, const std::string& outcome, Class what = kFine, bool kept = true) const {
+  void Note(const std::string& aspect, const std::string& outcome, Class what = kFine,
+            bool kept = true) const {
     tally_.Note(where_, aspect, outcome, what, kept);
   }
 
@@ -712,7 +728,8 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
   damage.Place(mainKind, device.DatabasePath(), swapped ? older : newer, elsewhere);
   damage.Place(backupKind, device.BackupPath(), swapped ? newer : older, elsewhere);
 
-  Model model{Observe(device.DatabasePath(), scratch), Observe(device.BackupPath(), scratch), tally.hardened()};
+  Model model{Observe(device.DatabasePath(), scratch), Observe(device.BackupPath(), scratch),
+              tally.hardened()};
   std::map<std::string, std::string> aside;  // files behind links, byte for byte
   for (const auto& file : fs::directory_iterator(elsewhere))
     aside[file.path()] = wup_test::ReadFile(file.path());
@@ -755,8 +772,8 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
   const auto target = versions.find(kTarget);
   if (target == versions.end() || target->second != kTargetVersion || versions.count(kOther) == 0) {
     const bool blocked = after.kind == Entry::kDir || after.kind == Entry::kLink;
-    tally.Note(where, "records of the installed packages", blocked ? "blocked by a link or directory" : "lost",
-               blocked ? kBlocked : kRecordsLost);
+    tally.Note(where, "records of the installed packages",
+               blocked ? "blocked by a link or directory" : "lost", blocked ? kBlocked : kRecordsLost);
   } else {
     tally.Note(where, "records of the installed packages", "both stored");
   }
@@ -764,18 +781,9 @@ void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& s
 
 // --- The busy holder and the xwalk uninstall ----------------------------------------------------------
 
-// How a call ended: normally, or with a failure the package manager sees (`failed`, allowed where the
-// caller says so), a hang or a crash.
 void NoteCall(Tally& tally, const std::string& at, int status, bool mayFail = false) {
-  const char* outcome = status == 0 ? "ended normally"
-                        : status == 128 + SIGALRM ? "hung"
-                        : status > 128            ? "crashed"
-                                                  : "failed";
-  tally.Note(at, "call", outcome,
-             status == 0 || (mayFail && status < 128) ? kFine
-             : status == 128 + SIGALRM                ? kHang
-             : status > 128                           ? kCrash
-                                                      : kWrong);
+  const auto [outcome, cost] = Ended(status, mayFail);
+  tally.Note(at, "call", outcome, cost);
 }
 
 Rows RowsAt(const wup_e2e::Device& device) {
@@ -828,10 +836,16 @@ void Busy(Tally& tally, unsigned hold) {
   const bool stored = !RowsOf(rows, package.pkgid, true).empty();
   const bool untouched =
       wup_test::ReadFile(device.DatabasePath()) == main && wup_test::ReadFile(device.BackupPath()) == backup;
-  tally.Note(where, "the busy database", !kept ? "restored from the backup" : stored ? "waited for" : "left alone",
+  tally.Note(where, "the busy database",
+             !kept    ? "restored from the backup"
+             : stored ? "waited for"
+                      : "left alone",
              kept ? kFine : kBusyRestore);
   tally.Note(where, "the holder's record", kept ? "kept" : "lost", kept ? kFine : kRecordsLost);
-  tally.Note(where, "the install", stored ? "stored" : untouched ? "given up, neither file touched" : "not stored",
+  tally.Note(where, "the install",
+             stored      ? "stored"
+             : untouched ? "given up, neither file touched"
+                         : "not stored",
              stored || untouched ? kFine : kRecordsLost, !kept);
 }
 
@@ -1009,7 +1023,8 @@ int main(int argc, char** argv) {
     wup_test::RemoveTree(scratch);
     return tally.Report();
   }
-  if (campaign == "busy" && std::all_of(argv + 2, argv + argc, [](const char* hold) { return atoi(hold) > 0; })) {
+  if (campaign == "busy" &&
+      std::all_of(argv + 2, argv + argc, [](const char* hold) { return atoi(hold) > 0; })) {
     for (int i = 2; i < std::max(argc, 3); ++i) Busy(tally, argc > 2 ? std::atoi(argv[i]) : 5);
     return tally.Report();
   }
@@ -1017,9 +1032,10 @@ int main(int argc, char** argv) {
     XwalkUninstall(tally);
     return tally.Report();
   }
-  std::fprintf(stderr,
-               "usage: %s crash MODE [EVERY [ONLY]] | corrupt [FIRST:END [TIMEOUT]] | busy [SECONDS...] | xwalk | "
-               "endurance [OPS]\n",
-               argv[0]);
+  std::fprintf(
+      stderr,
+      "usage: %s crash MODE [EVERY [ONLY]] | corrupt [FIRST:END [TIMEOUT]] | busy [SECONDS...] | xwalk | "
+      "endurance [OPS]\n",
+      argv[0]);
   return 2;
 }

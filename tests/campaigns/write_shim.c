@@ -92,11 +92,12 @@ static bool Writable(int fd) {
 // whatever the file's name by then; an unlinked file's goes to the orphan, harmlessly. The descriptors stay
 // open to the end: closing one would drop SQLite's locks on the file, and an open one keeps its inode's
 // number from going to another file.
-static struct Kept {
+struct Kept {
   struct stat st;
   int fd;
   char* data;  // null while the file is synced
-} *kept;
+};
+static struct Kept* kept;
 static int keptCount;
 
 static struct Kept* Find(const struct stat* st) {
@@ -128,11 +129,12 @@ static void Keep(int dirfd, const char* path) {
 // Each directory entry changed (created, removed, renamed over) since its directory was last synced, in
 // order. A removed or replaced file stays reachable through a link in the stash directory
 // (WUP_SHIM_STASH, on the same file system), from which the cut puts it back.
-static struct Change {
+struct Change {
   enum { kCreated, kMadeDir, kRemoved, kRemovedDir, kRenamed } kind;
   char *path, *from, *stashed;  // from: of a rename; stashed: the file removed or replaced at path
   char* dirs[2];                // the directories whose sync makes the change last (null once synced)
-} *changes;
+};
+static struct Change* changes;
 static int changeCount;
 
 static char* Absolute(int dirfd, const char* path) {
@@ -147,8 +149,7 @@ static char* DirOf(const char* path) {
   char dir[PATH_MAX], *resolved;
   snprintf(dir, sizeof dir, "%s", path);
   char* slash = strrchr(dir, '/');
-  if (slash == dir) slash[1] = '\0';
-  else if (slash) *slash = '\0';
+  if (slash) *(slash == dir ? slash + 1 : slash) = '\0';  // the root keeps its slash
   if (!(resolved = realpath(dir, NULL))) Fail("cannot resolve a directory", dir);
   return resolved;
 }
@@ -191,8 +192,11 @@ static void DirSynced(int fd) {
     for (int i = 0; i < 2; ++i) {
       if (c->dirs[i] && !strcmp(c->dirs[i], path)) free(c->dirs[i]), c->dirs[i] = NULL;
     }
-    if (c->dirs[0] || c->dirs[1]) changes[left++] = *c;
-    else Forget(c);
+    if (c->dirs[0] || c->dirs[1]) {
+      changes[left++] = *c;
+    } else {
+      Forget(c);
+    }
   }
   changeCount = left;
 }
@@ -203,8 +207,11 @@ static void RemoveTree(const char* path) {
     char* inner = NULL;
     if (!strcmp(entry->d_name, ".") || !strcmp(entry->d_name, "..")) continue;
     if (asprintf(&inner, "%s/%s", path, entry->d_name) < 0) Fail("out of memory", path);
-    if (entry->d_type == DT_DIR) RemoveTree(inner);
-    else REAL(unlink)(inner);
+    if (entry->d_type == DT_DIR) {
+      RemoveTree(inner);
+    } else {
+      REAL(unlink)(inner);
+    }
     free(inner);
   }
   if (dir) closedir(dir);
