@@ -118,7 +118,12 @@ bool WebapisUtil::CheckUpgradeResultMatches(PluginDataMap& map) {
 }
 
 bool WebapisUtil::m_WriteUpgradeWebapiToLocal(const std::string& path, const std::string& text) {
-  if (access(strRESULT_DIR.c_str(), F_OK) != 0 && !m_CreateDirectory(strRESULT_DIR)) return false;
+  if (access(strRESULT_DIR.c_str(), F_OK) != 0) {
+    if (!m_CreateDirectory(strRESULT_DIR)) return false;
+    // The new entry lasts only once its parent is synced: a power cut could otherwise take the directory,
+    // and the result file renamed into it, after the call has returned.
+    PluginSyncDirectory(strMANAGER_DIR);
+  }
   if (m_IsFileSymbolLink(path)) return false;
 
   PluginFd file(PluginOpenForWriting(path.c_str()));

@@ -2,10 +2,15 @@
 //   campaign crash kill|powercut|enospc [EVERY [ONLY]]   each operation of a sequence cut short at each of
 //                                                        its write-side calls, then called again
 //   campaign corrupt [FIRST:END [TIMEOUT]]               seeded damaged database pairs, one install each
+//   campaign busy [SECONDS...]                           an install while another process holds the database
+//   campaign xwalk                                       the records an xwalk package leaves when uninstalled
 //   campaign endurance [OPERATIONS]                      the sequence again and again in one process
 // They stand on the end-to-end harness's sandbox device, call the plug-in through wup_call_plugin (a
-// process per call, so that the write shim can be preloaded) under a watchdog, judge the version database
-// as the open check judges it, and note each outcome for run.sh, which tallies them by class and tells
+// process per call, so that the write shim can be preloaded) under a watchdog, and judge the version
+// database as the open check judges it. Each outcome is noted and classed; the program prints the counts by
+// aspect and outcome, the figures by class and the findings, and exits 1 on any finding (or when nothing
+// was noted), 3 when its instrument failed. Which outcomes are findings depends on the build the library
+// names: the default build keeps some hazards on purpose, the hardened build must show none. run.sh tells
 // the modes, options and classes.
 //
 // Inspect and Model are a deliberate second opinion: they judge the database files and predict the open
@@ -94,6 +99,7 @@ struct Database {
   std::string bytes;
   bool valid = false;    // non-empty, integrity_check "ok" and both tables: the open check keeps it
   bool accepts = false;  // the plug-in's insert of a record succeeds on it
+  bool foreign = false;  // its plug-in table has other columns than the plug-in's own
   Rows rows;             // of the plug-in table, by name, when valid
 };
 
@@ -147,6 +153,10 @@ Database Inspect(const std::string& path, const std::string& scratch) {
       "sqlite_master where type = 'table' and name in ('pluginTable', 'versionTable')) = 2";
   database.valid = Query(db, valid) == Rows{{"1"}};
   if (database.valid) database.rows = Query(db, "select * from pluginTable order by name");
+  database.foreign =
+      Query(db, "select group_concat(name) from pragma_table_info('pluginTable')") !=
+      Rows{{"name,version,path,pkgid,entryPoints,pluginType,hasForceMetaData,isUpdate,appWhiteList,"
+            "systemPath"}};
   database.accepts = Exec(scratch,
                           "PRAGMA synchronous = OFF; insert or replace into pluginTable values("
                           "'target', '3.0', '', '', '', 1, 0, 1, '', '')");
@@ -176,9 +186,113 @@ int CallPlugin(const std::string& operation, const wup_e2e::Package& package,
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-// One outcome of one aspect at one point; a finding is an outcome that must never happen.
-void NoteAt(const std::string& at, const std::string& aspect, const std::string& outcome, bool finding) {
-  std::printf("%s\t%s\t%s\t%d\n", aspect.c_str(), outcome.c_str(), at.c_str(), finding ? 1 : 0);
+// --- What the campaigns note, and what they make of it ------------------------------------------------
+
+// What an outcome costs. The hazards are what the default build keeps on purpose (a documented way to
+// lose records, a stale result file, ...): allowed there, findings in the hardened build, whose goal is
+// none of them. A hang, a crash and anything else wrong are findings in every build.
+enum Class {
+  kFine,
+  kRecordsLost,
+  kStaleResult,
+  kHalfStored,
+  kOrphaned,
+  kBusyRestore,
+  kBlocked,  // a link or directory at the main path: no build writes through a link or removes a directory
+  kHang,
+  kCrash,
+  kWrong,
+  kClasses
+};
+const char* const kClassNames[] = {"",
+                                   "records lost",
+                                   "stale result files after the next call",
+                                   "half-stored packages",
+                                   "orphaned records",
+                                   "restores of a busy database",
+                                   "writes blocked by a link or directory at the main path",
+                                   "hangs",
+                                   "crashes",
+                                   "other findings"};
+
+// The run cannot go on at full strength (the write shim stopped, the library names no build): the campaign's
+// own failure.
+constexpr int kInstrumentFailed = 3;
+[[noreturn]] void InstrumentFailed(const std::string& what) {
+  std::fflush(stdout);
+  std::fprintf(stderr, "campaign: %s: the instrument failed, nothing is measured\n", what.c_str());
+  std::exit(kInstrumentFailed);
+}
+
+// The build a loaded plug-in library comes from, as it names itself; a library that names none cannot be
+// judged, and stops the run.
+std::string PolicyOf(void* library) {
+  const void* name = library != nullptr ? dlsym(library, "WUP_POLICY_NAME") : nullptr;
+  if (name == nullptr)
+    InstrumentFailed(WUP_PLUGIN_LIBRARY + std::string(" names no build (WUP_POLICY_NAME)"));
+  return static_cast<const char*>(name);
+}
+
+// The notes of a run, "outcome of an aspect at a point", counted by aspect and outcome (with the first point
+// of each, in order of first appearance) and by class; the verdict is the program's exit status.
+class Tally {
+ public:
+  explicit Tally(std::string policy) : policy_(std::move(policy)) {}
+  bool hardened() const { return policy_ == "hardened"; }
+
+  // `kept`: the outcome is one of the ways the default build is known to take, not a new one.
+  void Note(const std::string& at, const std::string& aspect, const std::string& outcome, Class what = kFine,
+            bool kept = true, long weight = 1) {
+    auto aspect_ = std::find_if(aspects_.begin(), aspects_.end(), [&](auto& a) { return a.first == aspect; });
+    if (aspect_ == aspects_.end()) aspect_ = aspects_.insert(aspects_.end(), {aspect, {}});
+    auto& outcomes = aspect_->second;
+    auto outcome_ =
+        std::find_if(outcomes.begin(), outcomes.end(), [&](auto& o) { return o.name == outcome; });
+    if (outcome_ == outcomes.end()) outcome_ = outcomes.insert(outcomes.end(), {outcome, at, 0});
+    ++outcome_->count;
+    ++notes_;
+    figures_[what] += weight;
+    const bool hazard = what != kFine && what < kHang;
+    if (what >= kHang || (hazard && (!kept || (hardened() && what != kBlocked))))
+      findings_.push_back(at + ": " + aspect + ": " + outcome);
+  }
+
+  // Prints the counts and the findings; 0 when something was noted and nothing found.
+  int Report() const {
+    for (const auto& [aspect, outcomes] : aspects_) {
+      std::printf("  %s:\n", aspect.c_str());
+      for (const auto& outcome : outcomes)
+        std::printf("    %s: %ld  (first: %s)\n", outcome.name.c_str(), outcome.count, outcome.first.c_str());
+    }
+    if (notes_ == 0) std::printf("  nothing noted\n");
+    std::printf("  figures, %s build:\n", policy_.c_str());
+    for (int what = kFine + 1; what < kClasses; ++what)
+      std::printf("    %s: %ld\n", kClassNames[what], figures_[what]);
+    std::printf("  findings: %zu\n", findings_.size());
+    for (const std::string& finding : findings_) std::printf("    %s\n", finding.c_str());
+    std::fflush(stdout);
+    return notes_ == 0 || !findings_.empty() ? 1 : 0;
+  }
+
+ private:
+  struct Outcome {
+    std::string name, first;
+    long count;
+  };
+  std::string policy_;
+  std::vector<std::pair<std::string, std::vector<Outcome>>> aspects_;
+  std::array<long, kClasses> figures_{};
+  std::vector<std::string> findings_;
+  long notes_ = 0;
+};
+
+// How a call ended, and what that costs: normally, with a failure the package manager sees (wrong unless
+// the caller allows it), a hang (the watchdog's alarm) or a crash.
+std::pair<const char*, Class> Ended(int status, bool mayFail = false) {
+  if (status == 0) return {"ended normally", kFine};
+  if (status == 128 + SIGALRM) return {"hung", kHang};
+  if (status > 128) return {"crashed", kCrash};
+  return {"failed", mayFail ? kFine : kWrong};
 }
 
 // --- The crash campaign ---------------------------------------------------------------------------------
@@ -217,7 +331,8 @@ void Copy(const std::string& from, const std::string& to) {
 
 class Campaign {
  public:
-  Campaign(std::string mode, long every, long at) : mode_(std::move(mode)), every_(every), at_(at) {
+  Campaign(Tally& tally, std::string mode, long every, long at)
+      : tally_(tally), mode_(std::move(mode)), every_(every), at_(at) {
     device_.layout().Export();
   }
   ~Campaign() {
@@ -238,7 +353,7 @@ class Campaign {
       settled_ = Observe();
       where_ = step.name + ", uninterrupted";
       if (once_.main.rows != settled_.main.rows || once_.result != settled_.result)
-        Note("uninterrupted operation", "needs a second run to reach its end", true);
+        Note("uninterrupted operation", "needs a second run to reach its end", kWrong);
       Copy(root_, work_ + "/after");
       const long last = calls_ + (mode_ == "powercut" ? 1 : 0);  // a power cut may come after the end too
       for (long k = 1; k <= last; ++k) {
@@ -258,10 +373,16 @@ class Campaign {
   // With the write shim preloaded, cutting at call k (none for k = 0); its trace numbers the calls.
   int Shimmed(const Step& step, long k) const {
     fs::remove(work_ + "/trace");
-    return CallPlugin(step.operation, step.package,
-                      {"LD_PRELOAD=" WUP_WRITE_SHIM, "WUP_SHIM_TRACE=" + work_ + "/trace",
-                       (mode_ == "enospc" ? "WUP_SHIM_FULL_AT=" : "WUP_SHIM_KILL_AT=") + std::to_string(k),
-                       std::string("WUP_SHIM_POWERCUT=") + (mode_ == "powercut" ? "1" : "0")});
+    wup_test::RemoveTree(work_ + "/stash");
+    wup_test::MakeDirs(work_ + "/stash");
+    const int status =
+        CallPlugin(step.operation, step.package,
+                   {"LD_PRELOAD=" WUP_WRITE_SHIM, "WUP_SHIM_TRACE=" + work_ + "/trace",
+                    "WUP_SHIM_STASH=" + work_ + "/stash",
+                    (mode_ == "enospc" ? "WUP_SHIM_FULL_AT=" : "WUP_SHIM_KILL_AT=") + std::to_string(k),
+                    std::string("WUP_SHIM_POWERCUT=") + (mode_ == "powercut" ? "1" : "0")});
+    if (status == WUP_SHIM_FAILED) InstrumentFailed(step.name + ", call " + std::to_string(k));
+    return status;
   }
 
   State Observe() const {
@@ -280,19 +401,29 @@ class Campaign {
         (k <= static_cast<long>(trace.size()) ? std::regex_replace(trace[k - 1], std::regex(root_ + "/"), "")
                                               : std::to_string(k) + " (after the last call)");
     if (status != (mode_ == "enospc" || k > calls_ ? 0 : 128 + SIGKILL))
-      Note("cut run", "ended with status " + std::to_string(status), true);
+      Note("cut run", "ended with status " + std::to_string(status), status > 128 ? kCrash : kWrong);
     const State cut = Observe();
 
-    // Right after the cut the result file is absent only if it was before, and else a whole document.
-    const std::string result = !cut.result                    ? (before_.result ? "gone" : "absent")
-                               : cut.result == before_.result ? "old"
-                               : cut.result == once_.result || cut.result == settled_.result ? "new"
-                               : cut.result->empty()                                         ? "empty"
-                                                                                             : "partial";
-    Note("result file after the cut", result, result != "absent" && result != "old" && result != "new");
+    // Right after the cut the result file is absent only if it was before, and else a whole document; once
+    // the call has returned, a power cut takes nothing of what it wrote.
+    const bool ended = k > calls_;
+    std::string result = !cut.result                    ? (before_.result ? "gone" : "absent")
+                         : cut.result == before_.result ? "old"
+                         : cut.result == once_.result || cut.result == settled_.result ? "new"
+                         : cut.result->empty()                                         ? "empty"
+                                                                                       : "partial";
+    const bool whole = result == "absent" || result == "old" || result == "new";
+    if (ended && cut.result != once_.result && whole) result += ", though the call had ended";
+    Note("result file after the cut", result,
+         whole && (!ended || cut.result == once_.result) ? kFine : kWrong);
+    if (ended) {
+      Note("records after a cut once the call had ended",
+           cut.main.rows == once_.main.rows ? "as the call left them" : "rolled back",
+           cut.main.rows == once_.main.rows ? kFine : kRecordsLost);
+    }
     const bool says = SaysWhatFailed(cut.log);
     if (mode_ == "enospc" && (cut.main.rows != settled_.main.rows || cut.result != settled_.result))
-      Note("log of a run that fell short", says ? "says what failed" : "silent", !says);
+      Note("log of a run that fell short", says ? "says what failed" : "silent", says ? kFine : kWrong);
     Note("open check at the next call", !before_.main.valid && !before_.backup.valid
                                             ? "no database before the operation"
                                         : cut.main.valid   ? "main valid"
@@ -302,9 +433,12 @@ class Campaign {
     // The next call works; the records are as the uninterrupted operation left them, or lost only the ways
     // the design keeps; the result file is current, or stale only the way the design keeps.
     const int next = CallPlugin(step.operation, step.package);
-    Note("next call", next == 0 ? "ended normally" : next == 128 + SIGALRM ? "hung" : "failed", next != 0);
+    if (next == WUP_SHIM_FAILED) InstrumentFailed(where_);
+    const auto [nextEnded, nextCost] = Ended(next);
+    Note("next call", nextEnded, nextCost);
     const State after = Observe();
-    Note("main file after the next call", after.main.valid ? "valid" : "invalid", !after.main.valid);
+    Note("main file after the next call", after.main.valid ? "valid" : "invalid",
+         after.main.valid ? kFine : kWrong);
     const Rows& rows = after.main.rows;
     const std::string& pkgid = step.package.pkgid;
     // With every record lost, the next call stores the package's own again (an uninstall stores nothing).
@@ -315,35 +449,39 @@ class Campaign {
     const bool recreated = mode_ == "enospc" && (before_.main.valid || before_.backup.valid) &&
                            (Has(cut.log, kCreateDb) || Has(after.log, kCreateDb));
     std::string records = "lost";
+    Class cost = kRecordsLost;
     if (rows == settled_.main.rows) {
-      records = "as uninterrupted";
+      records = "as uninterrupted", cost = kFine;
     } else if (allLost && recreated) {
-      records = "all lost: both files invalid, the backup emptied by its refresh (kept)";
+      records = "all lost: both files invalid, the backup emptied by its refresh";
     } else if (allLost && Has(cut.log, "update fail!clear DB for next boot")) {
-      records = "all lost: cleared after the failed rewrite (kept)";
+      records = "all lost: cleared after the failed rewrite";
     } else if (RowsOf(rows, pkgid, false) == RowsOf(settled_.main.rows, pkgid, false) &&
                Has(after.log, "no need insert")) {
-      records = "package half-stored: its version counts as recorded";
+      records = "package half-stored: its version counts as recorded", cost = kHalfStored;
     }
-    Note("records after the next call", records, records == "lost");
+    Note("records after the next call", records, cost, records != "lost");
     std::string current = "other";
+    cost = kWrong;
     if (after.result == settled_.result) {
-      current = "current";
+      current = "current", cost = kFine;
     } else if (after.result && (after.result == before_.result || after.result == once_.result)) {
-      current = "stale until the next change (kept)";
+      current = "stale until the next change", cost = kStaleResult;
     } else if (records.rfind("all lost", 0) == 0 && after.result && IsJson(*after.result)) {
-      current = "rebuilt from the records left";
+      current = "rebuilt from the records left", cost = kFine;
     }
-    Note("result file after the next call", current, current == "other");
+    Note("result file after the next call", current, cost);
     Note("backup after the next call", !after.backup.valid         ? "invalid until the next write"
                                        : after.backup.rows == rows ? "equal to the main file"
                                                                    : "behind the main file");
   }
 
-  void Note(const std::string& aspect, const std::string& outcome, bool finding = false) const {
-    NoteAt(where_, aspect, outcome, finding);
+  void Note(const std::string& aspect, const std::string& outcome, Class what = kFine,
+            bool kept = true) const {
+    tally_.Note(where_, aspect, outcome, what, kept);
   }
 
+  Tally& tally_;
   std::string mode_;
   long every_, at_;  // at_: the one point to try, or 0
   wup_e2e::Device device_;
@@ -354,7 +492,9 @@ class Campaign {
 
 // --- The corruption campaign ----------------------------------------------------------------------------
 
-const char kTarget[] = "target", kTargetVersion[] = "3.0";  // the plug-in every case installs
+// The plug-in every case installs, and another one installed on the device, whose record the damaged files
+// hold: what becomes of it tells whether records were lost.
+const char kTarget[] = "target", kTargetVersion[] = "3.0", kOther[] = "alpha", kOtherVersion[] = "2.0";
 constexpr size_t kPageSize = 4096;
 
 // A regular file as the version database sees it; what the plug-in writes is known by its records only, and
@@ -399,43 +539,55 @@ Entry Observe(const std::string& path, const std::string& scratch) {
 // the main path is followed by SQLite (so a database behind it is used, and one is created behind a
 // dangling link); the removal before a re-creation takes away a link, a FIFO or an empty directory, not
 // a directory with something in it. The label it gives is the class run.sh explains.
+//
+// With `hardened`, it is a second opinion of the hardened build's decisions, written from what that build
+// promises rather than from its code: a plug-in table with other columns counts as damaged; a copy touches
+// its destination only with the whole content (staged and renamed over it), so an empty or unreadable
+// source leaves the destination as it was; after a database started afresh, the records are rebuilt from
+// the installed packages that carry the type key (here the other plug-in and the target).
 struct Model {
   std::string Install() {
     std::string label = OpenCheck();
-    if (OpenCheck(), !Valid(main)) {
-      label += "+not-stored";
-    } else if (Insert(main)) {
-      Copy(main, backup);
-    } else if (Copy(backup, main) && Insert(main)) {
-      Copy(main, backup);
-      label += "+retried";
-    } else {
-      label += "+lost";
-    }
+    if (hardened && label == "recreated") Write({{kOther, kOtherVersion}, {kTarget, kTargetVersion}});
+    label += Write({{kTarget, kTargetVersion}});
     OpenCheck();
     published = Valid(main) && main.content->Versions().count(kTarget) != 0;
+    // The default build writes a result document whatever it read (an empty list for no records); the
+    // hardened one leaves the file as it was (none, on this device) when it cannot read the records.
+    resultWritten = !hardened || Valid(main);
     return label;
+  }
+
+  // The guarded write of records: into the main file, once more after the backup is copied over it if
+  // the statement fails, then the backup refreshed. Returns what became of it, as the label's suffix.
+  std::string Write(const Rows& records) {
+    if (OpenCheck(), !Valid(main)) return "+not-stored";
+    if (Insert(main, records)) return Copy(main, backup), "";
+    if (Copy(backup, main) && Insert(main, records)) return Copy(main, backup), "+retried";
+    return "+lost";
   }
 
   static bool Exists(const Entry& entry) {
     return entry.kind == Entry::kDir || entry.kind == Entry::kFifo || entry.content;
   }
-  static bool Valid(const Entry& entry) { return entry.content && entry.content->valid; }
-
-  // The destination is opened (created, truncated) before the source's size is known.
-  bool Copy(const Entry& source, Entry& dest) {
-    if (!Exists(source) || dest.kind == Entry::kLink || dest.kind == Entry::kDir) return false;
-    dest.kind = Entry::kFile;
-    dest.content = Content();
-    if (!source.content || (source.content->bytesKnown && source.content->bytes.empty())) return false;
-    dest.content = source.content;
-    return true;
+  bool Valid(const Entry& entry) const {
+    return entry.content && entry.content->valid && !(hardened && entry.content->foreign);
   }
 
-  bool Insert(Entry& entry) {
+  // The default build opens (creates, truncates) the destination before the source's size is known.
+  bool Copy(const Entry& source, Entry& dest) {
+    if (!Exists(source) || dest.kind == Entry::kLink || dest.kind == Entry::kDir) return false;
+    const bool whole = source.content && !(source.content->bytesKnown && source.content->bytes.empty());
+    if (!whole && hardened) return false;
+    dest.kind = Entry::kFile;
+    dest.content = whole ? source.content : Content();
+    return whole;
+  }
+
+  static bool Insert(Entry& entry, const Rows& records) {
     Content& content = *entry.content;
     if (!content.accepts) return false;
-    content.rows.push_back({kTarget, kTargetVersion});  // only the versions are compared
+    for (const auto& record : records) content.rows.push_back(record);  // only the versions are compared
     content.bytesKnown = false;
     content.generation = ++Content::generations;
     return true;
@@ -456,7 +608,8 @@ struct Model {
   }
 
   Entry main, backup;
-  bool published = false;
+  bool hardened = false;
+  bool published = false, resultWritten = false;
 };
 
 // A version database as the plug-in leaves it (schema "ours"), or with a table missing or foreign, with
@@ -556,7 +709,7 @@ std::string Compare(const char* what, const Entry& expected, const Entry& actual
 }
 
 // Seeds 0 to 224 give every pair of kinds once; later seeds go round again with other damage.
-void RunCase(uint64_t seed, unsigned timeout, const std::string& scratch) {
+void RunCase(Tally& tally, uint64_t seed, unsigned timeout, const std::string& scratch) {
   const std::string mainKind = kKinds[seed % kKindCount],
                     backupKind = kKinds[(seed / kKindCount + seed) % kKindCount];
   wup_e2e::Device device;
@@ -565,6 +718,7 @@ void RunCase(uint64_t seed, unsigned timeout, const std::string& scratch) {
   wup_test::MakeDirs(elsewhere);
   const auto package =
       MakePackage(std::string("com.korvane.tv.pepper.") + kTarget, kTargetVersion, "pepperplugin");
+  device.Place(MakePackage(std::string("com.korvane.tv.pepper.") + kOther, kOtherVersion, "pepperplugin"));
   device.Place(package);
 
   Damage damage{std::mt19937_64(seed), scratch};
@@ -574,19 +728,21 @@ void RunCase(uint64_t seed, unsigned timeout, const std::string& scratch) {
   damage.Place(mainKind, device.DatabasePath(), swapped ? older : newer, elsewhere);
   damage.Place(backupKind, device.BackupPath(), swapped ? newer : older, elsewhere);
 
-  Model model{Observe(device.DatabasePath(), scratch), Observe(device.BackupPath(), scratch)};
+  Model model{Observe(device.DatabasePath(), scratch), Observe(device.BackupPath(), scratch),
+              tally.hardened()};
   std::map<std::string, std::string> aside;  // files behind links, byte for byte
   for (const auto& file : fs::directory_iterator(elsewhere))
     aside[file.path()] = wup_test::ReadFile(file.path());
   const std::string label = model.Install();
   const std::string where = "seed " + std::to_string(seed) + ": main " + mainKind + ", backup " + backupKind +
                             (swapped ? " (swapped)" : "");
-  NoteAt(where, "expected", label, false);
+  tally.Note(where, "expected", label);
 
   const int status = CallPlugin("install", package, {}, timeout);
   if (status != 0) {
-    const std::string finding = status == 128 + SIGALRM ? "hang" : "crash";
-    return NoteAt(where + ", status " + std::to_string(status), "finding", finding, true);
+    const bool hang = status == 128 + SIGALRM;
+    return tally.Note(where + ", status " + std::to_string(status), "finding", hang ? "hang" : "crash",
+                      hang ? kHang : kCrash);
   }
   const Entry &main = model.main, &backup = model.backup;
   std::string diff = Compare("main", main, Observe(device.DatabasePath(), scratch)) +
@@ -601,9 +757,118 @@ void RunCase(uint64_t seed, unsigned timeout, const std::string& scratch) {
     if (!behindMain && wup_test::ReadFile(path) != bytes) diff += " " + path + " written through a link;";
   }
   const bool published = device.ResultFile().find("\"name\" : \"target\"") != std::string::npos;
-  if (device.ResultFile().empty() || published != model.published)
+  if (device.ResultFile().empty() != !model.resultWritten) {
+    diff += std::string(" result file: expected ") + (model.resultWritten ? "one;" : "none;");
+  } else if (published != model.published) {
     diff += " result file: expected " + std::string(model.published ? "" : "no ") + "record of target;";
-  if (!diff.empty()) NoteAt(where + ", expected " + label + ":" + diff, "finding", "mismatch", true);
+  }
+  if (!diff.empty()) tally.Note(where + ", expected " + label + ":" + diff, "finding", "mismatch", kWrong);
+
+  // Both installed packages recorded in a usable main file, the target as installed now, or records lost
+  // (the model says which).
+  const Entry after = Observe(device.DatabasePath(), scratch);
+  const auto versions = after.content && after.content->valid ? after.content->Versions()
+                                                              : std::map<std::string, std::string>();
+  const auto target = versions.find(kTarget);
+  if (target == versions.end() || target->second != kTargetVersion || versions.count(kOther) == 0) {
+    const bool blocked = after.kind == Entry::kDir || after.kind == Entry::kLink;
+    tally.Note(where, "records of the installed packages",
+               blocked ? "blocked by a link or directory" : "lost", blocked ? kBlocked : kRecordsLost);
+  } else {
+    tally.Note(where, "records of the installed packages", "both stored");
+  }
+}
+
+// --- The busy holder and the xwalk uninstall ----------------------------------------------------------
+
+void NoteCall(Tally& tally, const std::string& at, int status, bool mayFail = false) {
+  const auto [outcome, cost] = Ended(status, mayFail);
+  tally.Note(at, "call", outcome, cost);
+}
+
+Rows RowsAt(const wup_e2e::Device& device) {
+  return Inspect(device.DatabasePath(), device.layout().root + "/inspect.db").rows;
+}
+
+// Another process (an installer of its own) stores a record, then holds the database in an exclusive
+// transaction for `hold` seconds while an install runs. The default build takes the busy file for a damaged
+// one after about three seconds and restores the backup over it, losing the holder's record; the hardened
+// one waits, bounded, and when the file stays busy gives up without touching either file.
+void Busy(Tally& tally, unsigned hold) {
+  wup_e2e::Device device;
+  device.layout().Export();
+  for (const auto& package : {Player("1.0.0"), Signage("1.0.0")}) {
+    device.Place(package);
+    CallPlugin("install", package);
+  }
+  int ready[2];
+  if (pipe(ready) != 0) InstrumentFailed("no pipe");
+  const pid_t holder = fork();
+  if (holder == 0) {
+    sqlite3* db = nullptr;
+    const bool held =
+        sqlite3_open_v2(device.DatabasePath().c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+        sqlite3_exec(db,
+                     "insert into pluginTable(name, version, pkgid) values('holder', '1.0', "
+                     "'com.korvane.tv.pepper.holder'); BEGIN EXCLUSIVE;",
+                     nullptr, nullptr, nullptr) == SQLITE_OK &&
+        write(ready[1], "h", 1) == 1;
+    if (held) sleep(hold);
+    _exit(held ? 0 : 1);  // the transaction ends with the process
+  }
+  close(ready[1]);
+  char signal = 0;
+  const bool holding = read(ready[0], &signal, 1) == 1;
+  close(ready[0]);
+  const std::string main = wup_test::ReadFile(device.DatabasePath()),
+                    backup = wup_test::ReadFile(device.BackupPath());
+  const std::string where = "held for " + std::to_string(hold) + " s";
+  const auto package = Ambient("1.0.0");
+  device.Place(package);
+  const int status = holding ? CallPlugin("install", package, {}, hold + 60) : 0;
+  int held = 0;
+  waitpid(holder, &held, 0);
+  if (!holding || held != 0) InstrumentFailed("the holder could not hold the database");
+  NoteCall(tally, where, status, true);
+
+  const Rows rows = RowsAt(device);
+  const bool kept = std::any_of(rows.begin(), rows.end(), [](auto& row) { return row[0] == "holder"; });
+  const bool stored = !RowsOf(rows, package.pkgid, true).empty();
+  const bool untouched =
+      wup_test::ReadFile(device.DatabasePath()) == main && wup_test::ReadFile(device.BackupPath()) == backup;
+  tally.Note(where, "the busy database",
+             !kept    ? "restored from the backup"
+             : stored ? "waited for"
+                      : "left alone",
+             kept ? kFine : kBusyRestore);
+  tally.Note(where, "the holder's record", kept ? "kept" : "lost", kept ? kFine : kRecordsLost);
+  tally.Note(where, "the install",
+             stored      ? "stored"
+             : untouched ? "given up, neither file touched"
+                         : "not stored",
+             stored || untouched ? kFine : kRecordsLost, !kept);
+}
+
+// An xwalk package with two extensions, named "ambient" and "ambient.light", installed (and upgraded) and
+// then uninstalled: the default build removes the record named as the id ends, the hardened one every
+// record the package brought.
+void XwalkUninstall(Tally& tally) {
+  for (const bool upgraded : {false, true}) {
+    wup_e2e::Device device;
+    device.layout().Export();
+    const std::string where = upgraded ? "installed, upgraded, uninstalled" : "installed, uninstalled";
+    std::vector<std::pair<std::string, wup_e2e::Package>> calls = {{"install", Ambient("1.0.0")}};
+    if (upgraded) calls.emplace_back("upgrade", Ambient("1.1.0"));
+    calls.emplace_back("uninstall", calls.back().second);
+    for (const auto& [operation, package] : calls) {
+      device.Place(package);
+      NoteCall(tally, where + ": " + operation, CallPlugin(operation, package));
+    }
+    const size_t left = RowsOf(RowsAt(device), calls.back().second.pkgid, true).size();
+    tally.Note(where, "records of the package after its uninstall",
+               left == 0 ? "none" : std::to_string(left) + " of 2 left", left == 0 ? kFine : kOrphaned, true,
+               static_cast<long>(left));
+  }
 }
 
 // --- The endurance run ----------------------------------------------------------------------------------
@@ -639,6 +904,7 @@ struct Run {
     device.layout().Export();
     device.SetForeground("Ab3Cd5Ef7G.SportsLive");    // the player's: terminated when it is upgraded
     library = dlopen(WUP_PLUGIN_LIBRARY, RTLD_LAZY);  // it builds its paths when first loaded: after Export
+    hardened = PolicyOf(library) == "hardened";
   }
   ~Run() { dlclose(library); }
 
@@ -679,20 +945,25 @@ struct Run {
             wup_test::WriteFile(device.DatabasePath(), "");
             wup_test::WriteFile(device.BackupPath(), "");
           }});
-    Expect(device.Rows().size() == 2, "the recreated database holds only the two records stored since");
+    // The hardened build rebuilds the records of the three installed packages (the xwalk one has two).
+    Expect(device.Rows().size() == (hardened ? 4 : 2),
+           hardened ? "the database is rebuilt from the installed packages"
+                    : "the recreated database holds only the two records stored since");
     for (const auto& package : {Player("3"), Signage("3"), Ambient("2"),
                                 MakePackage("com.korvane.tv.pepper.unknown", "1", "pepperplugin")})
-      Call({"", "uninstall", package});  // the xwalk package's second extension keeps its record
+      Call({"", "uninstall", package});  // by name, the xwalk package's second extension keeps its record
     const std::string staging = device.ResultPath() + "_bak";
-    wup_test::MakeDirs(staging);  // the result file cannot be written: the database is emptied
+    wup_test::MakeDirs(staging);  // the result file cannot be written: the database is emptied, or kept
     Call({"", "install", Player("1.0.0")});
     wup_test::RemoveTree(staging);
-    Expect(device.Rows().empty(), "a failed rewrite empties the database");
+    Expect(device.Rows().size() == (hardened ? 1 : 0),
+           hardened ? "a failed rewrite keeps the records" : "a failed rewrite empties the database");
     wup_test::RemoveTree(device.layout().vex + "/terminated");
   }
 
   wup_e2e::Device device;
   void* library = nullptr;
+  bool hardened = false;
   int failures = 0, calls = 0;
 };
 
@@ -731,23 +1002,40 @@ int main(int argc, char** argv) {
   const std::string campaign = argc > 1 ? argv[1] : "", mode = argc > 2 ? argv[2] : "";
   auto number = [&](int i, long fallback) { return argc > i ? std::atol(argv[i]) : fallback; };
   unsigned long first = 0, end = 500, timeout = 10;
+  if (campaign == "endurance" && argc <= 3 && number(2, 2000) >= 1) return Endure(number(2, 2000), argv);
+  // Loaded here only to read its name: the calls go to other processes.
+  void* library = dlopen(WUP_PLUGIN_LIBRARY, RTLD_LAZY | RTLD_LOCAL);
+  Tally tally(PolicyOf(library));
+  dlclose(library);
+  std::printf("%s build (%s)\n", tally.hardened() ? "hardened" : "default", WUP_PLUGIN_LIBRARY);
   if (campaign == "crash" && (mode == "kill" || mode == "powercut" || mode == "enospc") && argc <= 5 &&
       number(3, 1) >= 1) {
-    Campaign(mode, number(3, 1), number(4, 0)).Play(Sequence());
-    return 0;
+    Campaign(tally, mode, number(3, 1), number(4, 0)).Play(Sequence());
+    return tally.Report();
   }
   if (campaign == "corrupt" && argc <= 4 &&
       (argc < 3 || std::sscanf(argv[2], "%lu:%lu", &first, &end) == 2) &&
       (argc < 4 || std::sscanf(argv[3], "%lu", &timeout) == 1)) {
     const std::string scratch = wup_test::MakeTempDir("wup-corrupt");
     std::printf("%lu cases (seeds %lu:%lu)\n", end - first, first, end);
-    for (uint64_t seed = first; seed < end; ++seed) RunCase(seed, static_cast<unsigned>(timeout), scratch);
+    for (uint64_t seed = first; seed < end; ++seed)
+      RunCase(tally, seed, static_cast<unsigned>(timeout), scratch);
     wup_test::RemoveTree(scratch);
-    return 0;
+    return tally.Report();
   }
-  if (campaign == "endurance" && argc <= 3 && number(2, 2000) >= 1) return Endure(number(2, 2000), argv);
-  std::fprintf(stderr,
-               "usage: %s crash MODE [EVERY [ONLY]] | corrupt [FIRST:END [TIMEOUT]] | endurance [OPS]\n",
-               argv[0]);
+  if (campaign == "busy" &&
+      std::all_of(argv + 2, argv + argc, [](const char* hold) { return atoi(hold) > 0; })) {
+    for (int i = 2; i < std::max(argc, 3); ++i) Busy(tally, argc > 2 ? std::atoi(argv[i]) : 5);
+    return tally.Report();
+  }
+  if (campaign == "xwalk" && argc == 2) {
+    XwalkUninstall(tally);
+    return tally.Report();
+  }
+  std::fprintf(
+      stderr,
+      "usage: %s crash MODE [EVERY [ONLY]] | corrupt [FIRST:END [TIMEOUT]] | busy [SECONDS...] | xwalk | "
+      "endurance [OPS]\n",
+      argv[0]);
   return 2;
 }
