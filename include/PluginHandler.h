@@ -26,8 +26,8 @@ class PluginHandler {
   bool m_ResultMatchesRecords();
   // Hardened build: once the open check had to start an empty database, stores again every installed
   // package that carries the plug-in's type key, but `current`, the package of the call at hand (an
-  // install stores it next, an uninstall removes it).
-  void m_RebuildLostRecords(const std::string& current);
+  // install stores it next, an uninstall removes it). True when the records had been lost.
+  bool m_RebuildLostRecords(const std::string& current);
 
  private:
   PluginDataMap m_pluginMap;

@@ -45,6 +45,9 @@ void PluginHandler::HandleSingleTpk(const char* pkgid) {
     PLUGIN_LOG("check[%s]fail", id.c_str());
     return;
   }
+  // The write may have found both files damaged: the records are rebuilt before this process can end, since
+  // nothing but this process knows that they were lost.
+  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords("");
   // A missing result file is rebuilt even when nothing changed, so the web runtime always finds one.
   if (CSingleton<DBUtil>::GetInstance()->IsUpdate() ||
       !CSingleton<WebapisUtil>::GetInstance()->CheckUpgradeResultExist()) {
@@ -123,6 +126,7 @@ void PluginHandler::RemoveTpk(const char* pkgid) {
     PLUGIN_LOG("remove DB record fail");
     return;
   }
+  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords(id);
   m_RewriteJson();
 }
 
@@ -155,18 +159,19 @@ bool PluginHandler::m_RewriteJson() {
 bool PluginHandler::m_ResultMatchesRecords() {
   PluginDataMap records;
   if (!CSingleton<DBUtil>::GetInstance()->GetPluginListFromDB(records)) return true;  // nothing to compare
+  if (m_RebuildLostRecords("")) return false;  // the read found both files damaged
   if (CSingleton<WebapisUtil>::GetInstance()->CheckUpgradeResultMatches(records)) return true;
   PLUGIN_LOG("result file differs from the records, rewrite it");
   return false;
 }
 
-void PluginHandler::m_RebuildLostRecords(const std::string& current) {
+bool PluginHandler::m_RebuildLostRecords(const std::string& current) {
   DBUtil* db = CSingleton<DBUtil>::GetInstance();
-  if (!db->TakeRecordsLost()) return;
+  if (!db->TakeRecordsLost()) return false;
   PLUGIN_LOG("both database files were damaged: rebuild the records from the installed packages");
   PluginDataUtil* dataUtil = CSingleton<PluginDataUtil>::GetInstance();
   std::set<std::string> packages;
-  if (!dataUtil->GetPackagesWithMetadata(strMETADATA_TYPE_KEY, packages)) return;
+  if (!dataUtil->GetPackagesWithMetadata(strMETADATA_TYPE_KEY, packages)) return true;
   db->GetPluginListFromDB(m_pluginMap);  // empty now: every package compares with "0.0.0"
   for (std::string pkgid : packages) {
     if (pkgid == current) continue;
@@ -175,4 +180,5 @@ void PluginHandler::m_RebuildLostRecords(const std::string& current) {
     PLUGIN_LOG("rebuild pkgid = [%s], version = [%s]", pkgid.c_str(), version.c_str());
     m_checkTpk(pkgid, version);
   }
+  return true;
 }
