@@ -3,18 +3,24 @@
 // has N plug-in packages installed and recorded; beside it the floor (bench_floor) doing the same
 // mandatory work on the same device, with and without the platform calls. Reports CPU time (user +
 // system of the process, median of the runs) and, under valgrind's callgrind, instructions, with the
-// share that the host stand-ins of the platform take. See bench/README.md.
+// share that the host stand-ins of the platform take, and the fsync and fdatasync calls of each. With
+// --hardened, a second build of the plug-in (the hardened one) is measured beside the default build.
+// The figures are reported only when every program left the same device as the plug-in: a disagreement
+// ends the benchmark with status 1 before any ratio is printed. See bench/README.md.
 //
-//   bench_install [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--dir DIR] [--keep]
+//   bench_install [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--hardened PLUGIN.so]
+//                 [--dir DIR] [--keep]
 //
 // The devices are made under DIR (default: /dev/shm when there is one, else /tmp): thousands of small
 // files are copied and removed for every run, which a disk mounted with online discard takes seconds for.
+#include <dlfcn.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -102,8 +108,14 @@ struct Device {
   }
 };
 
-// Runs a program to its end with the device's environment; the CPU seconds it took (user + system).
-double Run(const Device& device, const std::vector<std::string>& args) {
+struct Usage {
+  double cpu = 0;   // user + system seconds of the process
+  double wall = 0;  // seconds from its start to its end, waiting on the disk included
+};
+
+// Runs a program to its end with the device's environment (and `extra` variables).
+Usage Run(const Device& device, const std::vector<std::string>& args, const std::vector<std::string>& extra = {}) {
+  const auto start = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
@@ -115,6 +127,7 @@ double Run(const Device& device, const std::vector<std::string>& args) {
     clearenv();
     setenv("PATH", searched.c_str(), 1);
     for (const std::string& entry : device.Environment()) putenv(strdup(entry.c_str()));
+    for (const std::string& entry : extra) putenv(strdup(entry.c_str()));
     std::vector<char*> argv;
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
@@ -127,13 +140,38 @@ double Run(const Device& device, const std::vector<std::string>& args) {
   if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     throw std::runtime_error("failed: " + args.front() + " " + args.at(1) + " " + args.at(2));
   }
+  const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
   auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  return {seconds(usage.ru_utime) + seconds(usage.ru_stime), wall.count()};
+}
+
+// The fsync and fdatasync calls of one run, counted by the preloaded counter (count_syncs.c).
+long Syncs(const Device& device, const std::vector<std::string>& args, const fs::path& countFile) {
+  fs::remove(countFile);
+  // A program built with AddressSanitizer refuses a preloaded library ahead of its runtime; the counter
+  // defines nothing that the runtime intercepts.
+  Run(device, args,
+      {"LD_PRELOAD=" BENCH_SYNC_COUNTER, "BENCH_SYNC_COUNT_FILE=" + countFile.string(),
+       "ASAN_OPTIONS=verify_asan_link_order=0"});
+  std::ifstream in(countFile);
+  long count = -1;
+  if (!(in >> count)) throw std::runtime_error("the sync counter left no count for " + args.front());
+  return count;
 }
 
 std::vector<std::string> PluginCall(const std::string& operation, const std::string& pkgid,
-                                    const std::string& appList) {
-  return {BENCH_CALL, BENCH_PLUGIN, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
+                                    const std::string& appList, const std::string& plugin = BENCH_PLUGIN) {
+  return {BENCH_CALL, plugin, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
+}
+
+// Which build a plug-in library is: the policy name it exports.
+std::string PolicyOf(const std::string& plugin) {
+  void* library = dlopen(plugin.c_str(), RTLD_LAZY | RTLD_LOCAL);
+  if (library == nullptr) throw std::runtime_error(dlerror());
+  const auto* name = static_cast<const char*>(dlsym(library, "WUP_POLICY_NAME"));
+  const std::string policy = name != nullptr ? name : "no policy name";
+  dlclose(library);
+  return policy;
 }
 
 // ---- the device with N recorded plug-ins ------------------------------------------------------------------
@@ -220,15 +258,20 @@ Outcome Observe(const Device& device) {
           ReadFile(device.Db()) == ReadFile(device.Backup())};
 }
 
+// How much of the plug-in's traces another program must leave: all of them; the files only (the bare floor
+// makes no platform call); or the files and the terminations (another build of the plug-in may log
+// differently where it works differently).
+enum class Agreement { kFull, kFiles, kFilesAndTerminations };
+
 // Empty when the two runs left the same; otherwise what differs.
-std::string Compare(const Outcome& plugin, const Outcome& floor, bool bare) {
+std::string Compare(const Outcome& plugin, const Outcome& other, Agreement agreement) {
   std::string differences;
-  if (plugin.result != floor.result) differences += " result-file";
-  if (plugin.rows != floor.rows) differences += " rows";
-  if (!floor.backupEqual) differences += " backup";
-  if (!bare && plugin.terminated != floor.terminated) differences += " terminations";
-  if (!bare && plugin.logLines != floor.logLines) {
-    differences += " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(floor.logLines) + ")";
+  if (plugin.result != other.result) differences += " result-file";
+  if (plugin.rows != other.rows) differences += " rows";
+  if (!other.backupEqual) differences += " backup";
+  if (agreement != Agreement::kFiles && plugin.terminated != other.terminated) differences += " terminations";
+  if (agreement == Agreement::kFull && plugin.logLines != other.logLines) {
+    differences += " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(other.logLines) + ")";
   }
   return differences;
 }
@@ -311,11 +354,13 @@ Profile Instructions(const Device& device, std::vector<std::string> args, const 
 struct Variant {
   const char* name;
   std::function<std::vector<std::string>(const Device&)> args;
-  bool bare;
+  Agreement agreement;
 };
 
 struct Figures {
-  double cpu = 0;  // seconds, median
+  double cpu = 0;   // seconds, median
+  double wall = 0;  // seconds, median
+  long syncs = 0;   // fsync and fdatasync calls
   Profile profile;
 };
 
@@ -328,6 +373,7 @@ struct Options {
   std::vector<int> counts = {0, 100, 1000, 3000};
   int runs = 7;
   bool instructions = true;
+  std::string hardened;  // a second build of the plug-in, measured beside the default one
   fs::path dir = fs::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
   bool keep = false;
 };
@@ -356,10 +402,25 @@ std::string Percent(unsigned long long part, unsigned long long whole) {
   return text;
 }
 
+// Ends the benchmark when a program did not leave what the plug-in left: it would be measured doing other
+// work, and the ratios would mean nothing.
+void RequireAgreement(const std::vector<Variant>& variants, const std::vector<Outcome>& outcomes,
+                      const std::string& what) {
+  std::string differences;
+  for (size_t v = 1; v < variants.size(); ++v) {
+    const std::string differ = Compare(outcomes[0], outcomes[v], variants[v].agreement);
+    if (!differ.empty()) differences += std::string(differences.empty() ? " " : "; ") + variants[v].name + ":" + differ;
+  }
+  if (!differences.empty()) {
+    throw std::runtime_error(what + ": left other than the plug-in did:" + differences + "; no figures are reported");
+  }
+}
+
 // One operation at one N: every variant `runs` times, interleaved, each on a fresh copy of the device.
+// What the first runs left is compared before anything else is measured.
 std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const std::vector<Variant>& variants,
-                             bool uninstall, const Options& options, std::string& differences) {
-  std::vector<std::vector<double>> times(variants.size());
+                             bool uninstall, const Options& options, const std::string& what) {
+  std::vector<std::vector<double>> cpu(variants.size()), wall(variants.size());
   std::vector<Figures> figures(variants.size());
   std::vector<Outcome> outcomes(variants.size());
   auto prepare = [&]() {
@@ -374,15 +435,19 @@ std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const s
   for (int run = 0; run < options.runs; ++run) {
     for (size_t v = 0; v < variants.size(); ++v) {
       const Device device = prepare();
-      times[v].push_back(Run(device, variants[v].args(device)));
+      const Usage usage = Run(device, variants[v].args(device));
+      cpu[v].push_back(usage.cpu);
+      wall[v].push_back(usage.wall);
       if (run == 0) outcomes[v] = Observe(device);
     }
+    if (run == 0) RequireAgreement(variants, outcomes, what);
   }
   for (size_t v = 0; v < variants.size(); ++v) {
-    figures[v].cpu = Median(times[v]);
-    if (v > 0) {
-      const std::string differ = Compare(outcomes[0], outcomes[v], variants[v].bare);
-      if (!differ.empty()) differences += std::string(" ") + variants[v].name + ":" + differ;
+    figures[v].cpu = Median(cpu[v]);
+    figures[v].wall = Median(wall[v]);
+    {
+      const Device device = prepare();
+      figures[v].syncs = Syncs(device, variants[v].args(device), work.string() + ".syncs");
     }
     if (options.instructions) {
       const Device device = prepare();
@@ -394,16 +459,18 @@ std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const s
 
 void PrintTable(const char* operation, const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows,
                 bool instructions) {
-  std::printf("\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor\n\n", operation);
-  std::printf("| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor |");
+  std::printf("\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor, fsync + fdatasync calls\n\n",
+              operation);
+  std::printf("| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor | syncs plug-in, floor, bare floor |");
   if (instructions) std::printf(" Ir plug-in | Ir floor | Ir bare floor | plug-in / floor | plug-in / bare floor | stand-ins' share |");
-  std::printf("\n|---|---|---|---|---|---|%s\n", instructions ? "---|---|---|---|---|---|" : "");
+  std::printf("\n|---|---|---|---|---|---|---|%s\n", instructions ? "---|---|---|---|---|---|" : "");
   for (size_t i = 0; i < counts.size(); ++i) {
     const Figures& plugin = rows[i][0];
     const Figures& floor = rows[i][1];
     const Figures& bare = rows[i][2];
-    std::printf("| %d | %s | %s | %s | %s | %s |", counts[i], Millis(plugin.cpu).c_str(), Millis(floor.cpu).c_str(),
-                Millis(bare.cpu).c_str(), Ratio(plugin.cpu, floor.cpu).c_str(), Ratio(plugin.cpu, bare.cpu).c_str());
+    std::printf("| %d | %s | %s | %s | %s | %s | %ld, %ld, %ld |", counts[i], Millis(plugin.cpu).c_str(),
+                Millis(floor.cpu).c_str(), Millis(bare.cpu).c_str(), Ratio(plugin.cpu, floor.cpu).c_str(),
+                Ratio(plugin.cpu, bare.cpu).c_str(), plugin.syncs, floor.syncs, bare.syncs);
     if (instructions) {
       const unsigned long long p = plugin.profile.total, f = floor.profile.total, b = bare.profile.total;
       std::printf(" %s | %s | %s | %s | %s | %s |", Millions(p).c_str(), Millions(f).c_str(), Millions(b).c_str(),
@@ -420,6 +487,29 @@ void PrintTable(const char* operation, const std::vector<int>& counts, const std
                 (static_cast<double>(rows[i][1].profile.total) - rows[i - 1][1].profile.total) / span);
   }
   std::printf("\n");
+}
+
+// The second build against the default one, install by install.
+void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows, size_t hardened,
+                   bool instructions) {
+  std::printf("\nInstall, hardened / default build: instructions (millions), CPU and wall ms (median), "
+              "fsync + fdatasync calls\n\n| N |");
+  if (instructions) std::printf(" Ir default | Ir hardened | hardened / default |");
+  std::printf(" CPU default | CPU hardened | hardened / default | wall default | wall hardened | hardened / default |"
+              " syncs default | syncs hardened |\n|---|%s---|---|---|---|---|---|---|---|\n",
+              instructions ? "---|---|---|" : "");
+  for (size_t i = 0; i < counts.size(); ++i) {
+    const Figures& base = rows[i][0];
+    const Figures& other = rows[i][hardened];
+    std::printf("| %d |", counts[i]);
+    if (instructions) {
+      const unsigned long long b = base.profile.total, h = other.profile.total;
+      std::printf(" %s | %s | %s |", Millions(b).c_str(), Millions(h).c_str(), Ratio(h, b).c_str());
+    }
+    std::printf(" %s | %s | %s | %s | %s | %s | %ld | %ld |\n", Millis(base.cpu).c_str(), Millis(other.cpu).c_str(),
+                Ratio(other.cpu, base.cpu).c_str(), Millis(base.wall).c_str(), Millis(other.wall).c_str(),
+                Ratio(other.wall, base.wall).c_str(), base.syncs, other.syncs);
+  }
 }
 
 void PrintBreakdown(int count, const Profile& profile) {
@@ -458,12 +548,16 @@ int main(int argc, char** argv) {
       options.runs = std::max(1, std::atoi(argv[++i]));
     } else if (arg == "--no-instructions") {
       options.instructions = false;
+    } else if (arg == "--hardened" && i + 1 < argc) {
+      options.hardened = argv[++i];
     } else if (arg == "--dir" && i + 1 < argc) {
       options.dir = argv[++i];
     } else if (arg == "--keep") {
       options.keep = true;
     } else {
-      std::fprintf(stderr, "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--dir DIR] [--keep]\n",
+      std::fprintf(stderr,
+                   "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--hardened PLUGIN.so]\n"
+                   "       [--dir DIR] [--keep]\n",
                    argv[0]);
       return 2;
     }
@@ -477,33 +571,41 @@ int main(int argc, char** argv) {
 
   using Args = std::vector<std::string>;
   // The bare floor is told the facts that the platform answers on the device.
-  const std::vector<Variant> install = {
-      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); }, false},
-      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "install", kNewPackage}; }, false},
+  std::vector<Variant> install = {
+      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); }, Agreement::kFull},
+      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "install", kNewPackage}; }, Agreement::kFull},
       {"bare floor",
        [](const Device& device) {
          return Args{BENCH_FLOOR, "install", kNewPackage, "--bare", "1.0.0", "pepperplugin",
                      (device.RwApp() / kNewPackage).string(), kNewAppList};
        },
-       true}};
+       Agreement::kFiles}};
   const std::vector<Variant> uninstall = {
-      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); }, false},
-      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage}; }, false},
-      {"bare floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"}; }, true}};
+      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); }, Agreement::kFull},
+      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage}; }, Agreement::kFull},
+      {"bare floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"}; },
+       Agreement::kFiles}};
+  const size_t hardened = install.size();
 
   std::vector<std::vector<Figures>> installs, uninstalls;
   try {
+    if (!options.hardened.empty()) {
+      install.push_back({"hardened",
+                         [&](const Device&) { return PluginCall("install", kNewPackage, kNewAppList, options.hardened); },
+                         Agreement::kFilesAndTerminations});
+      std::printf("default build: %s (%s)\nhardened build: %s (%s)\n", BENCH_PLUGIN, PolicyOf(BENCH_PLUGIN).c_str(),
+                  options.hardened.c_str(), PolicyOf(options.hardened).c_str());
+    }
     for (int count : options.counts) {
-      std::fprintf(stderr, "N = %d: seeding...\n", count);
+      const std::string at = "N = " + std::to_string(count);
+      std::fprintf(stderr, "%s: seeding...\n", at.c_str());
       const Device seeded = Seed(top / ("device-" + std::to_string(count)), count);
-      std::string differences;
-      std::fprintf(stderr, "N = %d: install...\n", count);
-      installs.push_back(Measure(seeded, top / "work", install, false, options, differences));
-      std::fprintf(stderr, "N = %d: uninstall...\n", count);
-      uninstalls.push_back(Measure(seeded, top / "work", uninstall, true, options, differences));
-      std::printf("N = %d: floor and plug-in left %s\n", count,
-                  differences.empty() ? "the same result file, rows, backup, terminations and log line count"
-                                      : ("different:" + differences).c_str());
+      std::fprintf(stderr, "%s: install...\n", at.c_str());
+      installs.push_back(Measure(seeded, top / "work", install, false, options, at + ", install"));
+      std::fprintf(stderr, "%s: uninstall...\n", at.c_str());
+      uninstalls.push_back(Measure(seeded, top / "work", uninstall, true, options, at + ", uninstall"));
+      std::printf("%s: floor and plug-in left the same result file, rows, backup, terminations and log line count%s\n",
+                  at.c_str(), options.hardened.empty() ? "" : "; the hardened build the same but for the log");
       if (!options.keep) fs::remove_all(seeded.root);
     }
   } catch (const std::exception& error) {
@@ -512,6 +614,7 @@ int main(int argc, char** argv) {
   }
   PrintTable("Install", options.counts, installs, options.instructions);
   PrintTable("Uninstall", options.counts, uninstalls, options.instructions);
+  if (!options.hardened.empty()) PrintHardened(options.counts, installs, hardened, options.instructions);
   if (options.instructions) {
     for (size_t i = 0; i < options.counts.size(); ++i) PrintBreakdown(options.counts[i], installs[i][0].profile);
   }
