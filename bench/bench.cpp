@@ -34,6 +34,8 @@
 #include <string>
 #include <vector>
 
+#include "hostkit/layout.h"
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -89,23 +91,17 @@ std::string Manifest(const std::string& pkgid, const std::string& appList) {
 
 // ---- processes ------------------------------------------------------------------------------------------
 
+// A sandbox device under `root`, laid out as every host program lays one out (hostkit/layout.h).
 struct Device {
   fs::path root;
-  fs::path Db() const { return root / "db" / ".AppBinaryManager.db"; }
-  fs::path Backup() const { return root / "db" / ".AppBinaryManager_Backup.db"; }
-  fs::path RwApp() const { return root / "rw-apps"; }
-  fs::path Result() const { return RwApp() / "appbinarymanager/webapi_result/upgrade_webapi_result.json"; }
-  fs::path Log() const { return root / "dlog.log"; }
-  fs::path Terminated() const { return root / "vex" / "terminated"; }
-  std::vector<std::string> Environment() const {
-    return {"TZ_SYS_DB=" + (root / "db").string(),
-            "TZ_SYS_RW_APP=" + RwApp().string(),
-            "TZ_SYS_RO_APP=" + (root / "ro-apps").string(),
-            "TZ_SYS_RW_PACKAGES=" + (root / "rw-packages").string(),
-            "TZ_SYS_RO_PACKAGES=" + (root / "ro-packages").string(),
-            "HOST_DLOG_FILE=" + Log().string(),
-            "HOST_VEX_DIR=" + (root / "vex").string()};
-  }
+  hostkit::Layout Paths() const { return hostkit::Layout::At(root.string()); }
+  fs::path Db() const { return Paths().Database(); }
+  fs::path Backup() const { return Paths().Backup(); }
+  fs::path RwApp() const { return Paths().rwApp; }
+  fs::path Result() const { return Paths().ResultFile(); }
+  fs::path Log() const { return Paths().log; }
+  fs::path Terminated() const { return Paths().TerminatedFile(); }
+  std::vector<std::string> Environment() const { return Paths().Environment(); }
 };
 
 struct Usage {
@@ -190,12 +186,10 @@ void Exec(sqlite3* db, const std::string& sql) {
 Device Seed(const fs::path& root, int count) {
   Device device{root};
   fs::remove_all(root);
-  for (const char* dir : {"db", "rw-apps/appbinarymanager", "ro-apps", "rw-packages", "ro-packages", "vex"}) {
-    fs::create_directories(root / dir);
-  }
-  WriteFile(root / "vex" / "foreground", "TvHome0001.Main\n");
+  device.Paths().Create();
+  WriteFile(device.Paths().ForegroundFile(), "TvHome0001.Main\n");
   auto place = [&](const std::string& pkgid, const std::string& appList) {
-    WriteFile(root / "rw-packages" / (pkgid + ".xml"), Manifest(pkgid, appList));
+    WriteFile(device.Paths().Manifest(pkgid, false), Manifest(pkgid, appList));
     fs::create_directories(device.RwApp() / pkgid / "shared" / "res");
   };
   for (int i = 1; i <= count; ++i) place(PackageOf(i), AppListOf(i));

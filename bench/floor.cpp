@@ -36,6 +36,8 @@
 #include <string>
 #include <vector>
 
+#include "hostkit/layout.h"
+
 namespace {
 
 bool g_bare = false;
@@ -74,10 +76,10 @@ Paths DevicePaths() {
   paths.rwApp = std::string(PlatformPath(TZ_SYS_RW_APP, "TZ_SYS_RW_APP")) + "/";
   paths.roApp = std::string(PlatformPath(TZ_SYS_RO_APP, "TZ_SYS_RO_APP")) + "/";
   const std::string db = PlatformPath(TZ_SYS_DB, "TZ_SYS_DB");
-  paths.database = db + "/.AppBinaryManager.db";
-  paths.backup = db + "/.AppBinaryManager_Backup.db";
-  paths.resultDir = paths.rwApp + "appbinarymanager/webapi_result";
-  paths.resultFile = paths.resultDir + "/upgrade_webapi_result.json";
+  paths.database = db + "/" + hostkit::kDatabaseFile;
+  paths.backup = db + "/" + hostkit::kBackupFile;
+  paths.resultFile = paths.rwApp + hostkit::kResultFile;
+  paths.resultDir = paths.resultFile.substr(0, paths.resultFile.rfind('/'));
   paths.staging = paths.resultFile + "_bak";
   return paths;
 }

@@ -28,10 +28,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static PluginDataUtil* const reader = CSingleton<PluginDataUtil>::GetInstance();
   static const std::string directory = [] {
     const std::string dir = wup_fuzz::Device().rwApp + "/com.korvane.tv.xwalk.fuzz/shared/res/";
-    wup_test::MakeDirs(dir);
+    hostkit::MakeDirs(dir);
     return dir;
   }();
-  wup_test::WriteFile(directory + "extension.json", std::string(reinterpret_cast<const char*>(data), size));
+  hostkit::WriteFile(directory + "extension.json", std::string(reinterpret_cast<const char*>(data), size));
 
   PluginDataMap map;
   try {

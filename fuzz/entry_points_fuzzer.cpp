@@ -9,12 +9,10 @@
 // after the previous one), so that a finding replays alone; within an input the instances live on, as in
 // one package manager run.
 #include <fuzzer/FuzzedDataProvider.h>
-#include <glib.h>
 #include <json/json.h>
 #include <unistd.h>
 
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <sstream>
 
@@ -24,13 +22,13 @@
 #include "VersionSqliteDB.h"
 #include "WebapisUtil.h"
 #include "fuzz_support.h"
+#include "hostkit/plugin_call.h"
 #include "plugin_parser_interface.h"
-#include "sample_packages.h"
 
 namespace {
 
 using Text = std::optional<std::string>;
-using EntryPoint = int (*)(const char*, const char*, GList*);
+using hostkit::EntryPoint;
 
 struct PlacedPackage {
   const char* pkgid;
@@ -59,15 +57,15 @@ struct Snapshot {
 Snapshot start;
 
 void PlaceCopy(const PlacedPackage& package, const std::string& manifests, const std::string& apps) {
-  wup_test::WriteManifest(manifests, package.pkgid, "1.0.0", {package.pkgid},
-                          {{strMETADATA_TYPE_KEY, package.kind}, {strMETADATA_APPLIST_KEY, package.appList}});
+  hostkit::WriteManifest(manifests, package.pkgid, "1.0.0", {package.pkgid},
+                         {{strMETADATA_TYPE_KEY, package.kind}, {strMETADATA_APPLIST_KEY, package.appList}});
   const std::string res = apps + "/" + package.pkgid + "/shared/res/";
-  wup_test::MakeDirs(res);
-  if (std::strcmp(package.kind, "xwalkplugin") == 0) wup_test::WriteFile(res + "fzinfo.json", kDescription);
+  hostkit::MakeDirs(res);
+  if (std::strcmp(package.kind, "xwalkplugin") == 0) hostkit::WriteFile(res + "fzinfo.json", kDescription);
 }
 
 void Place(const PlacedPackage& package) {
-  const wup_test::SandboxLayout& device = wup_fuzz::Device();
+  const hostkit::Layout& device = wup_fuzz::Device();
   if (package.writable) PlaceCopy(package, device.rwPackages, device.rwApp);
   if (package.readOnly) PlaceCopy(package, device.roPackages, device.roApp);
 }
@@ -82,14 +80,14 @@ void DestroyInstances() {
 
 void RestoreDevice() {
   DestroyInstances();
-  wup_test::RemoveTree(wup_fuzz::Device().db);  // journals and staging files go with their directories
-  wup_test::RemoveTree(strRESULT_DIR);
-  wup_test::MakeDirs(wup_fuzz::Device().db);
-  wup_test::MakeDirs(strRESULT_DIR);
-  wup_test::WriteFile(strVERSION_DB, start.database);
-  wup_test::WriteFile(strVERSION_DB_BAKUP, start.backup);
-  wup_test::WriteFile(strRESULT_FILE, start.result);
-  unlink((wup_fuzz::Device().vex + "/terminated").c_str());
+  hostkit::RemoveTree(wup_fuzz::Device().db);  // journals and staging files go with their directories
+  hostkit::RemoveTree(strRESULT_DIR);
+  hostkit::MakeDirs(wup_fuzz::Device().db);
+  hostkit::MakeDirs(strRESULT_DIR);
+  hostkit::WriteFile(strVERSION_DB, start.database);
+  hostkit::WriteFile(strVERSION_DB_BAKUP, start.backup);
+  hostkit::WriteFile(strRESULT_FILE, start.result);
+  unlink(wup_fuzz::Device().TerminatedFile().c_str());
 }
 
 Text ConsumeKey(FuzzedDataProvider& in) {
@@ -147,15 +145,12 @@ struct Call {
   }
 
   int Run() const {
-    std::vector<__metadata_t> storage;
-    storage.reserve(items.size());
-    GList* list = nullptr;
+    hostkit::MetadataNodes nodes;
     for (const auto& item : items) {
-      if (item) storage.push_back({CString(item->first), CString(item->second)});
-      list = g_list_append(list, item ? &storage.back() : nullptr);
+      nodes.push_back(item ? hostkit::MetadataNode({CString(item->first), CString(item->second)})
+                           : std::nullopt);
     }
-    const std::unique_ptr<GList, void (*)(GList*)> owner(list, g_list_free);
-    return entry(pkgid.c_str(), CString(appid), list);
+    return hostkit::CallEntryPoint(entry, pkgid.c_str(), CString(appid), nodes);
   }
 };
 
@@ -185,7 +180,7 @@ bool IsJsonDocument(const std::string& text) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  wup_test::WriteFile(wup_fuzz::Device().vex + "/foreground", "Fg.App");
+  hostkit::WriteFile(wup_fuzz::Device().ForegroundFile(), "Fg.App");
   for (const PlacedPackage& package : kPackages) Place(package);
   for (const PlacedPackage& package : kPackages) {
     if (!package.recordedAtStart) continue;
@@ -194,8 +189,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     install.Run();
   }
   DestroyInstances();
-  start = {wup_test::ReadFile(strVERSION_DB), wup_test::ReadFile(strVERSION_DB_BAKUP),
-           wup_test::ReadFile(strRESULT_FILE)};
+  start = {hostkit::ReadFile(strVERSION_DB), hostkit::ReadFile(strVERSION_DB_BAKUP),
+           hostkit::ReadFile(strRESULT_FILE)};
   if (start.database.empty() || !IsJsonDocument(start.result))
     wup_fuzz::Fail("the starting device was not set up");
   return 0;
@@ -220,7 +215,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     wup_fuzz::Fail("the handler ran for " + std::to_string(wup_fuzz::LoggedLines("create instance")) +
                    " calls, expected " + std::to_string(selecting));
   }
-  if (!IsJsonDocument(wup_test::ReadFile(strRESULT_FILE)))
+  if (!IsJsonDocument(hostkit::ReadFile(strRESULT_FILE)))
     wup_fuzz::Fail("the result file is not a whole document");
   // Restored before the input ends, so that the instances it created do not count as its leaks. A call
   // whose list selects no package changes nothing.

@@ -12,14 +12,14 @@
 namespace wup_fuzz {
 namespace {
 
-wup_test::SandboxLayout* sandbox = nullptr;
+hostkit::Layout* sandbox = nullptr;
 
 std::unordered_map<std::string, int>& LineCounts() {
   static std::unordered_map<std::string, int> counts;
   return counts;
 }
 
-void RemoveSandbox() { wup_test::RemoveTree(sandbox->root); }
+void RemoveSandbox() { hostkit::RemoveTree(sandbox->root); }
 
 // The product's constants are built by the C++ initialisers of this program from the platform path
 // service, which reads the environment; a prioritised constructor runs before all of them.
@@ -27,16 +27,15 @@ __attribute__((constructor(101))) void LayOutSandbox() {
   const char* base = std::getenv("WUP_FUZZ_TMP");
   if (base == nullptr || *base == '\0') base = access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
   setenv("TMPDIR", base, 1);
-  sandbox = new wup_test::SandboxLayout(wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-fuzz")));
+  sandbox = new hostkit::Layout(hostkit::Layout::At(hostkit::MakeTempDir("wup-fuzz")));
   sandbox->Create();
-  wup_test::MakeDirs(sandbox->rwApp + "/appbinarymanager");
   sandbox->Export();
   std::atexit(RemoveSandbox);
 }
 
 }  // namespace
 
-const wup_test::SandboxLayout& Device() { return *sandbox; }
+const hostkit::Layout& Device() { return *sandbox; }
 
 int LoggedLines(const std::string& message) {
   const auto found = LineCounts().find(message);

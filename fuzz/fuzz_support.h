@@ -10,12 +10,13 @@
 #include <cstdint>
 #include <string>
 
-#include "sandbox.h"
+#include "hostkit/files.h"
+#include "hostkit/layout.h"
 
 namespace wup_fuzz {
 
 // The sandbox device of this process; its directories exist.
-const wup_test::SandboxLayout& Device();
+const hostkit::Layout& Device();
 
 // Lines logged with exactly this message (the format without its "%s: %s(%d) > " prefix) since the last
 // ResetLog.

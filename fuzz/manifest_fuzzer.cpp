@@ -2,18 +2,18 @@
 // on any file: it must answer true with a package id and only named applications, or false with a
 // one-line reason and the output untouched.
 #include "fuzz_support.h"
-#include "manifest.h"
+#include "hostkit/manifest.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const std::string path = wup_fuzz::Device().rwPackages + "/com.korvane.tv.pepper.fuzz.xml";
-  wup_test::WriteFile(path, std::string(reinterpret_cast<const char*>(data), size));
+  hostkit::WriteFile(path, std::string(reinterpret_cast<const char*>(data), size));
 
-  host::Manifest manifest;
+  hostkit::Manifest manifest;
   manifest.package = "untouched";
   std::string error;
-  if (host::ReadManifest(path, manifest, error)) {
+  if (hostkit::ReadManifest(path, manifest, error)) {
     if (manifest.package.empty()) wup_fuzz::Fail("a manifest without a package id was accepted");
-    for (const host::ManifestApp& app : manifest.apps) {
+    for (const hostkit::ManifestApp& app : manifest.apps) {
       if (app.appid.empty()) wup_fuzz::Fail("an application without an appid was kept");
     }
   } else if (manifest.package != "untouched" || error.empty() ||

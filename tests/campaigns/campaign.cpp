@@ -3,10 +3,15 @@
 //                                                        its write-side calls, then called again
 //   campaign corrupt [FIRST:END [TIMEOUT]]               seeded damaged database pairs, one install each
 //   campaign endurance [OPERATIONS]                      the sequence again and again in one process
-// They stand on the end-to-end harness's sandbox device, call the plug-in through bench_call_plugin (a
+// They stand on the end-to-end harness's sandbox device, call the plug-in through wup_call_plugin (a
 // process per call, so that the write shim can be preloaded) under a watchdog, judge the version database
 // as the open check judges it, and note each outcome for run.sh, which tallies them by class and tells
 // the modes, options and classes.
+//
+// Inspect and Model are a deliberate second opinion: they judge the database files and predict the open
+// check's decisions from what the device's installer would see, written apart from the plug-in's own code
+// (only the file paths and the table definitions come from hostkit/layout.h), so that the two can
+// disagree.
 #include <dlfcn.h>
 #include <json/json.h>
 #include <malloc.h>
@@ -31,6 +36,7 @@
 #include <tuple>
 
 #include "device.h"
+#include "hostkit/layout.h"
 
 namespace fs = std::filesystem;
 using wup_e2e::Has;
@@ -459,15 +465,9 @@ std::string BuildDatabase(const std::string& scratch, const std::string& schema,
   const std::string path = scratch + "/build.db";
   wup_test::RemoveTree(path);
   std::string sql = "PRAGMA synchronous=OFF; BEGIN;";
-  if (schema != "no-versionTable")
-    sql += "create table versionTable(name TEXT PRIMARY KEY, version TEXT, size TEXT);";
+  if (schema != "no-versionTable") sql += hostkit::kVersionTableSchema + std::string(";");
   if (schema == "other-pluginTable") sql += "create table pluginTable(name TEXT PRIMARY KEY, version TEXT);";
-  if (schema == "ours" || schema == "no-versionTable") {
-    sql +=
-        "create table pluginTable(name TEXT PRIMARY KEY, version TEXT, path TEXT, pkgid\tTEXT, "
-        "entryPoints TEXT, pluginType INTEGER, hasForceMetaData INTEGER, isUpdate INTEGER, "
-        "appWhiteList TEXT, systemPath TEXT);";
-  }
+  if (schema == "ours" || schema == "no-versionTable") sql += hostkit::kPluginTableSchema + std::string(";");
   if (schema != "no-pluginTable") {
     sql += "insert into pluginTable(name, version) values('target', '" + version + "'), ('alpha', '" +
            version + "');";
@@ -619,7 +619,8 @@ Usage Measure(void* library) {
   for (const auto& fd : fs::directory_iterator("/proc/self/fd")) {
     std::error_code closed;
     ++usage[kFds];
-    usage[kDatabaseFds] += read_symlink(fd, closed).string().find(".AppBinaryManager") != std::string::npos;
+    const std::string file = read_symlink(fd, closed).filename().string();  // journals carry the name too
+    usage[kDatabaseFds] += file.find(hostkit::kDatabaseFile) == 0 || file.find(hostkit::kBackupFile) == 0;
   }
   if (auto openHandles = reinterpret_cast<int (*)()>(dlsym(library, "host_pkgmgrinfo_open_handles")))
     usage[kPkgInfoHandles] = openHandles();

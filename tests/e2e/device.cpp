@@ -1,16 +1,13 @@
 #include "device.h"
 
 #include <dlfcn.h>
-#include <glib.h>
+#include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <stdexcept>
-
-#include "plugin_parser_interface.h"
 
 namespace wup_e2e {
 
@@ -22,31 +19,19 @@ MetadataList MetadataOf(const Package& package) {
   return items;
 }
 
-Plugin::Plugin(void* library)
-    : install_(reinterpret_cast<EntryPoint>(dlsym(library, "PKGMGR_MDPARSER_PLUGIN_INSTALL"))),
-      upgrade_(reinterpret_cast<EntryPoint>(dlsym(library, "PKGMGR_MDPARSER_PLUGIN_UPGRADE"))),
-      uninstall_(reinterpret_cast<EntryPoint>(dlsym(library, "PKGMGR_MDPARSER_PLUGIN_UNINSTALL"))) {
-  if (install_ == nullptr || upgrade_ == nullptr || uninstall_ == nullptr) {
-    throw std::runtime_error("the library lacks an entry point");
-  }
-}
+Plugin::Plugin(void* library) : entries_(library, WUP_PLUGIN_LIBRARY) {}
 
-int Plugin::Call(EntryPoint entry, const char* pkgid, const char* appid, const MetadataList& items) {
-  std::vector<__metadata_t> storage;
-  storage.reserve(items.size());
-  std::unique_ptr<GList, decltype(&g_list_free)> list(nullptr, g_list_free);  // freed also on an exception
+int Plugin::Call(hostkit::Operation operation, const char* pkgid, const char* appid,
+                 const MetadataList& items) {
+  hostkit::MetadataNodes nodes;
   for (const auto& [key, value] : items) {
-    void* data = nullptr;
-    if (key != nullptr || value != nullptr) data = &storage.emplace_back(__metadata_t{key, value});
-    list.reset(g_list_append(list.release(), data));
+    nodes.push_back(key != nullptr || value != nullptr ? hostkit::MetadataNode({key, value}) : std::nullopt);
   }
-  return entry(pkgid, appid, list.get());
+  return hostkit::CallEntryPoint(entries_[operation], pkgid, appid, nodes);
 }
 
 Device::Device() : layout_(wup_test::SandboxLayout::At(wup_test::MakeTempDir("wup-e2e"))) {
   layout_.Create();
-  // The application manager's directory exists on every device; the plug-in creates only its result one.
-  wup_test::MakeDirs(layout_.rwApp + "/appbinarymanager");
 }
 
 Device::~Device() {
@@ -73,18 +58,23 @@ int Device::Run(const std::function<void(Plugin&)>& body, const Lines& environme
       std::fprintf(stderr, "dlopen: %s\n", dlerror());
       _exit(3);
     }
+    int status = 0;
     try {
       Plugin plugin(library);
       body(plugin);
     } catch (const std::exception& error) {
       std::fprintf(stderr, "exception left the plug-in: %s\n", error.what());
-      std::exit(kExceptionLeft);
+      status = kExceptionLeft;
     }
-    std::exit(0);  // not _exit: leak checkers report at a normal exit
+    // The body's expectations were judged in this process only: a failure must reach the parent's verdict.
+    std::exit(::testing::Test::HasFailure() ? kExpectationFailed : status);  // not _exit: leak checkers
   }
   int status = 0;
   waitpid(child, &status, 0);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  if (status == kExpectationFailed)
+    ADD_FAILURE() << "an expectation failed in the scenario's process (above)";
+  return status;
 }
 
 int Device::Install(const Package& package, const Lines& environment) {
@@ -100,22 +90,20 @@ Lines Device::Rows() const {
   return wup_test::Query(DatabasePath(), "select * from pluginTable order by name");
 }
 
-std::string Device::ResultPath() const {
-  return layout_.rwApp + "/appbinarymanager/webapi_result/upgrade_webapi_result.json";
-}
+std::string Device::ResultPath() const { return layout_.ResultFile(); }
 std::string Device::ResultFile() const { return wup_test::ReadFile(ResultPath()); }
 bool Device::ResultFileExists() const { return wup_test::PathExists(ResultPath()); }
-std::string Device::DatabasePath() const { return layout_.db + "/.AppBinaryManager.db"; }
-std::string Device::BackupPath() const { return layout_.db + "/.AppBinaryManager_Backup.db"; }
+std::string Device::DatabasePath() const { return layout_.Database(); }
+std::string Device::BackupPath() const { return layout_.Backup(); }
 
 Lines Device::Log() const { return wup_test::ReadLog(layout_.log); }
 
 void Device::ClearLog() const { wup_test::RemoveTree(layout_.log); }
 
-Lines Device::Terminated() const { return wup_test::ReadLines(layout_.vex + "/terminated"); }
+Lines Device::Terminated() const { return wup_test::ReadLines(layout_.TerminatedFile()); }
 
 void Device::SetForeground(const std::string& appid) const {
-  wup_test::WriteFile(layout_.vex + "/foreground", appid);
+  wup_test::WriteFile(layout_.ForegroundFile(), appid);
 }
 
 }  // namespace wup_e2e

@@ -9,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "hostkit/plugin_call.h"
 #include "sandbox.h"
 
 namespace wup_e2e {
@@ -45,21 +46,18 @@ class Plugin {
  public:
   explicit Plugin(void* library);
   int Install(const char* pkgid, const char* appid, const MetadataList& items) {
-    return Call(install_, pkgid, appid, items);
+    return Call(hostkit::Operation::kInstall, pkgid, appid, items);
   }
   int Upgrade(const char* pkgid, const char* appid, const MetadataList& items) {
-    return Call(upgrade_, pkgid, appid, items);
+    return Call(hostkit::Operation::kUpgrade, pkgid, appid, items);
   }
   int Uninstall(const char* pkgid, const char* appid, const MetadataList& items) {
-    return Call(uninstall_, pkgid, appid, items);
+    return Call(hostkit::Operation::kUninstall, pkgid, appid, items);
   }
 
  private:
-  using EntryPoint = int (*)(const char*, const char*, void*);
-  int Call(EntryPoint entry, const char* pkgid, const char* appid, const MetadataList& items);
-  EntryPoint install_;
-  EntryPoint upgrade_;
-  EntryPoint uninstall_;
+  int Call(hostkit::Operation operation, const char* pkgid, const char* appid, const MetadataList& items);
+  hostkit::EntryPoints entries_;
 };
 
 class Device {
@@ -72,8 +70,11 @@ class Device {
   // Places a package as the package manager would before calling the plug-in.
   void Place(const Package& package);
   // Runs `body` with the plug-in loaded in a fresh process with `environment` set (as SetEnvironment); its
-  // exit status: 0 when it ran through, kExceptionLeft when an exception left the plug-in, 128 + signal.
+  // exit status: 0 when it ran through, kExceptionLeft when an exception left the plug-in,
+  // kExpectationFailed (and a failure of the calling test) when an expectation of the body failed,
+  // 128 + signal.
   static constexpr int kExceptionLeft = 4;
+  static constexpr int kExpectationFailed = 5;
   int Run(const std::function<void(Plugin&)>& body, const Lines& environment = {});
   // Places the package and installs it the way the package manager does: its metadata list, one call.
   int Install(const Package& package, const Lines& environment = {});

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <filesystem>
 
 #include "device.h"
 
@@ -295,6 +296,26 @@ TEST(Uninstall, ThePluginNamedByTheIdIsRemovedAndTheResultRebuiltUnlessTheIdName
   EXPECT_TRUE(Has(log, "get tpk name fail"));
   EXPECT_EQ("stale", device.ResultFile());
   EXPECT_EQ(keptRow, device.Rows());
+}
+
+// The harness itself: an expectation that fails in a scenario's process fails the test that ran it. The
+// disabled test runs only in the program that the next test starts.
+TEST(Harness, DISABLED_ExpectationFailingInTheScenarioProcess) {
+  Device device;
+  device.Run([](Plugin&) { EXPECT_EQ(1, 2) << "planted in the scenario's process"; });
+}
+
+TEST(Harness, AnExpectationFailingInTheScenarioProcessFailsTheTest) {
+  const std::string self =
+      std::filesystem::read_symlink("/proc/self/exe");  // the program, also under valgrind
+  const wup_test::CommandResult run = wup_test::RunCommand(
+      {self, "--gtest_also_run_disabled_tests", "--gtest_filter=Harness.DISABLED_ExpectationFailing*"});
+  EXPECT_TRUE(run.exited && run.status == 1) << run.output;
+  for (const char* printed :
+       {"planted in the scenario's process", "an expectation failed in the scenario's process",
+        "[  FAILED  ] Harness.DISABLED_ExpectationFailingInTheScenarioProcess"}) {
+    EXPECT_NE(std::string::npos, run.output.find(printed)) << printed << "\n" << run.output;
+  }
 }
 
 }  // namespace

@@ -200,9 +200,8 @@ TEST_F(PkgsimTest, OperationsAndChecksExplainWhatThePluginDecided) {
 // without changing them; an operation on the damaged device then says how the plug-in recovered.
 TEST_F(PkgsimTest, ShowSaysWhenTheDatabaseIsDamagedAndTheResultFileStale) {
   Expect(0, {"install", kPackages + "mediaplayer"});
-  const std::string db = "/opt/dbspace/.AppBinaryManager.db",
-                    backup = "/opt/dbspace/.AppBinaryManager_Backup.db";
-  const std::string result = "/opt/usr/apps/appbinarymanager/webapi_result/upgrade_webapi_result.json";
+  const hostkit::Layout paths = hostkit::Layout::At("");  // relative to the device's root
+  const std::string db = paths.Database(), backup = paths.Backup(), result = paths.ResultFile();
   const std::string damaged = "database: damaged (fails SQLite's integrity check)";
   const std::string stale = ": stale: it differs from the document the records give (";
   const struct {

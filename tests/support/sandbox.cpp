@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <iterator>
 #include <stdexcept>
 
@@ -15,77 +14,9 @@ namespace wup_test {
 
 namespace fs = std::filesystem;
 
-SandboxLayout SandboxLayout::At(const std::string& root) {
-  SandboxLayout layout;
-  layout.root = root;
-  layout.db = root + "/opt/dbspace";
-  layout.rwApp = root + "/opt/usr/apps";
-  layout.roApp = root + "/usr/apps";
-  layout.rwPackages = root + "/opt/share/packages";
-  layout.roPackages = root + "/usr/share/packages";
-  layout.vex = root + "/run/vex";
-  layout.log = root + "/dlog.txt";
-  return layout;
-}
-
-void SandboxLayout::Export() const {
-  setenv("TZ_SYS_DB", db.c_str(), 1);
-  setenv("TZ_SYS_RW_APP", rwApp.c_str(), 1);
-  setenv("TZ_SYS_RO_APP", roApp.c_str(), 1);
-  setenv("TZ_SYS_RW_PACKAGES", rwPackages.c_str(), 1);
-  setenv("TZ_SYS_RO_PACKAGES", roPackages.c_str(), 1);
-  setenv("HOST_VEX_DIR", vex.c_str(), 1);
-  setenv("HOST_DLOG_FILE", log.c_str(), 1);
-}
-
-void SandboxLayout::Create() const {
-  for (const std::string* dir : {&db, &rwApp, &roApp, &rwPackages, &roPackages, &vex}) MakeDirs(*dir);
-}
-
-void SandboxLayout::Reset() const {
-  RemoveTree(root);
-  Create();
-}
-
 const SandboxLayout& Device() {
   static const SandboxLayout layout = SandboxLayout::At(std::getenv("WUP_TEST_SANDBOX"));  // set by the main
   return layout;
-}
-
-std::string MakeTempDir(const std::string& stem) {
-  std::string pattern = (fs::temp_directory_path() / (stem + "-XXXXXX")).string();
-  if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed for " + pattern);
-  return pattern;
-}
-
-std::string ReadFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-}
-
-void WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  out << content;
-  if (!out) throw std::runtime_error("cannot write " + path);
-}
-
-void MakeDirs(const std::string& path) { fs::create_directories(path); }
-
-void RemoveTree(const std::string& path) {
-  std::error_code ignored;  // best effort, as for a sandbox being cleared away
-  fs::remove_all(path, ignored);
-}
-
-bool PathExists(const std::string& path) {
-  std::error_code error;
-  return fs::exists(fs::symlink_status(path, error));
-}
-
-Lines ReadLines(const std::string& path) {
-  Lines lines;
-  std::ifstream in(path);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
 }
 
 bool Has(const Lines& lines, const std::string& line) {
@@ -119,19 +50,6 @@ Lines ReadLog(const std::string& path) {
   return messages;
 }
 
-void WriteManifest(const std::string& dir, const std::string& package, const std::string& version,
-                   const Lines& appids, const Metadata& metadata) {
-  std::string xml = "<manifest xmlns=\"http://tizen.org/ns/packages\" package=\"" + package +
-                    "\" version=\"" + version + "\" api-version=\"6.0\">\n";
-  for (const std::string& appid : appids) {
-    xml += "  <ui-application appid=\"" + appid + "\" exec=\"plugin\" type=\"capp\">\n";
-    for (const auto& [key, value] : metadata)
-      xml += "    <metadata key=\"" + key + "\" value=\"" + value + "\"/>\n";
-    xml += "  </ui-application>\n";
-  }
-  WriteFile(dir + "/" + package + ".xml", xml + "</manifest>\n");
-}
-
 int CountOpenFds() {  // less the descriptor of the listing itself
   return static_cast<int>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator())) -
          1;
@@ -148,12 +66,13 @@ void SetEnvironment(const Lines& entries) {
   }
 }
 
-CommandResult RunCommand(const Lines& argv, const Lines& environment) {
+CommandResult RunCommand(const Lines& argv, const Lines& environment, bool withErrors) {
   int pipeFds[2];
   if (pipe(pipeFds) != 0) throw std::runtime_error("pipe failed");
   const pid_t child = fork();
   if (child == 0) {
     dup2(pipeFds[1], STDOUT_FILENO);
+    if (withErrors) dup2(pipeFds[1], STDERR_FILENO);
     close(pipeFds[0]);
     close(pipeFds[1]);
     SetEnvironment(environment);

@@ -95,13 +95,21 @@ TEST(Constants, DISABLED_BuiltWhenTheLibraryIsLoaded) {
   for (const auto& [value, expected] : constants) EXPECT_EQ(expected, value);
 }
 
+// Without the writable directory the program loads and the test above passes; without either other
+// directory the loader fails to build the constants, before any test runs.
 TEST(Constants, ComeFromThePathServiceWithAFallbackForTheWritableDirectoryOnly) {
   for (const char* unset : {"TZ_SYS_RW_APP", "TZ_SYS_RO_APP", "TZ_SYS_DB"}) {
+    const bool fallback = std::string(unset) == "TZ_SYS_RW_APP";
     const CommandResult loaded = RunCommand(
         {"/proc/self/exe", "--gtest_also_run_disabled_tests", "--gtest_filter=*BuiltWhenTheLibraryIsLoaded"},
-        {"TZ_SYS_DB=/var/db/", std::string("HOST_TZPLATFORM_UNSET=") + unset});
-    EXPECT_EQ(std::string(unset) == "TZ_SYS_RW_APP", loaded.exited && loaded.status == 0)
-        << unset << loaded.output;
+        {"TZ_SYS_DB=/var/db/", std::string("HOST_TZPLATFORM_UNSET=") + unset}, true);
+    EXPECT_EQ(fallback, loaded.exited && loaded.status == 0) << unset << loaded.output;
+    const char* const printed[] = {"[ RUN      ] Constants.DISABLED_BuiltWhenTheLibraryIsLoaded\n",
+                                   "[  PASSED  ] 1 test.\n", "construction from null is not valid"};
+    for (const char* text :
+         fallback ? std::vector(printed, printed + 2) : std::vector(printed + 2, printed + 3))
+      EXPECT_NE(std::string::npos, loaded.output.find(text)) << unset << ": no " << text << "\n"
+                                                             << loaded.output;
   }
 }
 

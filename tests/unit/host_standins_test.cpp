@@ -6,7 +6,8 @@
 
 #include <cstdlib>
 
-#include "manifest.h"
+#include "hostkit/fail_list.h"
+#include "hostkit/manifest.h"
 #include "unit.h"
 
 namespace {
@@ -30,9 +31,9 @@ TEST(ManifestReader, ReadsApplicationsAndTheirMetadataInManifestOrder) {
   <ui-application-extra appid="suffix-in-the-middle"/>
   <widget-application><metadata key="no appid" value="x"/></widget-application>
 </manifest>)");
-  host::Manifest manifest;
+  hostkit::Manifest manifest;
   std::string error;
-  ASSERT_TRUE(host::ReadManifest(path, manifest, error)) << error;
+  ASSERT_TRUE(hostkit::ReadManifest(path, manifest, error)) << error;
   EXPECT_EQ(manifest.package + " " + manifest.version, "pkg 2.1.0");
   ASSERT_EQ(manifest.apps.size(), 2u);
   EXPECT_EQ(manifest.apps[0].appid, "pkg.ui");
@@ -51,7 +52,7 @@ TEST(ManifestReader, ReadsApplicationsAndTheirMetadataInManifestOrder) {
     RemoveTree(path);
     if (!content.empty()) WriteFile(path, content);
     manifest.package = "untouched";
-    EXPECT_FALSE(host::ReadManifest(path, manifest, error)) << content;
+    EXPECT_FALSE(hostkit::ReadManifest(path, manifest, error)) << content;
     EXPECT_THAT(error, AllOf(StartsWith(path + ": "), HasSubstr(reason), Not(HasSubstr("\n")))) << content;
     EXPECT_EQ(manifest.package, "untouched") << content;
   }
@@ -84,6 +85,25 @@ std::string MetadataValue(const char* appid, const char* key) {
         return pkgmgrinfo_appinfo_get_metadata_value(app, key, value);
       },
       pkgmgrinfo_appinfo_destroy_appinfo, appid);
+}
+
+// The lists of forced failures of every stand-in: whole names, blanks around them ignored.
+TEST(FailList, NamesWholeEntriesWithBlanksAroundThemIgnored) {
+  const struct {
+    const char* list;  // nullptr: unset
+    const char* name;
+    bool listed;
+  } cases[] = {
+      {nullptr, "a", false}, {"", "a", false},      {"a", "a", true},    {"b, a", "a", true},
+      {" a\t,b", "a", true}, {"ab,ba", "a", false}, {"a b", "a", false}, {"a,,b", "", true},
+      {"a,b", "", false},    {"x,a ", "a", true},
+  };
+  for (const auto& c : cases) {
+    c.list != nullptr ? setenv("HOST_TEST_FAIL", c.list, 1) : unsetenv("HOST_TEST_FAIL");
+    EXPECT_EQ(c.listed, hostkit::Listed("HOST_TEST_FAIL", c.name))
+        << (c.list ? c.list : "(unset)") << " " << c.name;
+  }
+  unsetenv("HOST_TEST_FAIL");
 }
 
 class PkgmgrInfoStandIn : public ::testing::Test {

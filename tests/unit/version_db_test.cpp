@@ -104,13 +104,8 @@ TEST_F(VersionDbTest, RecordsAreReplacedByNameKeptIntactAndDeleted) {
                          "'app''one,app2','/usr/apps/it''s')]",
                          "Current remove sql is [delete from pluginTable where name='it''s']",
                          "Current remove sql is [delete from 'pluginTable']", "remove successfully"}));
-  EXPECT_EQ(
-      Query(Main(), "select sql from sqlite_master where type = 'table' order by name"),
-      (Lines{
-          "CREATE TABLE pluginTable(name TEXT PRIMARY KEY, version TEXT, path TEXT, pkgid\tTEXT, entryPoints "
-          "TEXT, pluginType INTEGER, hasForceMetaData INTEGER, isUpdate INTEGER, appWhiteList TEXT, "
-          "systemPath TEXT)",
-          "CREATE TABLE versionTable(name TEXT PRIMARY KEY, version TEXT, size TEXT)"}));
+  EXPECT_EQ(Query(Main(), "select sql from sqlite_master where type = 'table' order by name"),
+            (Lines{hostkit::kPluginTableSchema, hostkit::kVersionTableSchema}));
 }
 
 // The function named in the prefix of the first line that logged `message`.

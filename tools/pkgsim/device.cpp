@@ -71,34 +71,11 @@ void CollectManifests(const std::string& dir, bool readOnly, std::map<std::strin
 
 }  // namespace
 
-std::vector<std::string> Device::LayoutDirs() const {
-  return {DbDir(),         RwAppDir(),      ManagerDir(), RoAppDir(),
-          RwPackagesDir(), RoPackagesDir(), VexDir(),     fs::path(LogFile()).parent_path().string()};
-}
-
 bool Device::Exists() const {
-  for (const std::string& dir : LayoutDirs()) {
+  for (const std::string& dir : layout_.Dirs()) {
     if (!fs::is_directory(dir)) return false;
   }
   return true;
-}
-
-void Device::Create() const {
-  for (const std::string& dir : LayoutDirs()) {
-    std::error_code error;
-    fs::create_directories(dir, error);
-    if (error) Fail("cannot create", dir, error);
-  }
-}
-
-void Device::Export() const {
-  setenv("TZ_SYS_DB", DbDir().c_str(), 1);
-  setenv("TZ_SYS_RW_APP", RwAppDir().c_str(), 1);
-  setenv("TZ_SYS_RO_APP", RoAppDir().c_str(), 1);
-  setenv("TZ_SYS_RW_PACKAGES", RwPackagesDir().c_str(), 1);
-  setenv("TZ_SYS_RO_PACKAGES", RoPackagesDir().c_str(), 1);
-  setenv("HOST_VEX_DIR", VexDir().c_str(), 1);
-  setenv("HOST_DLOG_FILE", LogFile().c_str(), 1);
 }
 
 PackageState Device::StateOf(const std::string& pkgid) const {

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "hostkit/layout.h"
+
 namespace pkgsim {
 
 // Where a package is on the device: the writable area (installed or updated), the read-only image
@@ -18,40 +20,40 @@ struct PackageState {
   bool Present() const { return rw || ro; }
 };
 
+// The paths are those of the sandbox layout (hostkit/layout.h) under the device's root.
 class Device {
  public:
-  explicit Device(std::string root) : root_(std::move(root)) {}
+  explicit Device(std::string root) : layout_(hostkit::Layout::At(root)) {}
 
-  const std::string& Root() const { return root_; }
-  std::string DbDir() const { return root_ + "/opt/dbspace"; }
-  std::string RwAppDir() const { return root_ + "/opt/usr/apps"; }
-  std::string RoAppDir() const { return root_ + "/usr/apps"; }
-  std::string RwPackagesDir() const { return root_ + "/opt/share/packages"; }
-  std::string RoPackagesDir() const { return root_ + "/usr/share/packages"; }
-  std::string VexDir() const { return root_ + "/run/vex"; }
-  std::string LogFile() const { return root_ + "/var/log/dlog.log"; }
+  const std::string& Root() const { return layout_.root; }
+  std::string DbDir() const { return layout_.db; }
+  std::string RwAppDir() const { return layout_.rwApp; }
+  std::string RoAppDir() const { return layout_.roApp; }
+  std::string RwPackagesDir() const { return layout_.rwPackages; }
+  std::string RoPackagesDir() const { return layout_.roPackages; }
+  std::string VexDir() const { return layout_.vex; }
+  std::string LogFile() const { return layout_.log; }
 
-  std::string DbFile() const { return DbDir() + "/.AppBinaryManager.db"; }
-  std::string BackupFile() const { return DbDir() + "/.AppBinaryManager_Backup.db"; }
+  std::string DbFile() const { return layout_.Database(); }
+  std::string BackupFile() const { return layout_.Backup(); }
   // The application that owns the plug-in's result; the plug-in makes only the last directory level.
-  std::string ManagerDir() const { return RwAppDir() + "/appbinarymanager"; }
-  std::string ResultFile() const { return ManagerDir() + "/webapi_result/upgrade_webapi_result.json"; }
-  std::string ForegroundFile() const { return VexDir() + "/foreground"; }
-  std::string TerminatedFile() const { return VexDir() + "/terminated"; }
+  std::string ManagerDir() const { return layout_.ManagerDir(); }
+  std::string ResultFile() const { return layout_.ResultFile(); }
+  std::string ForegroundFile() const { return layout_.ForegroundFile(); }
+  std::string TerminatedFile() const { return layout_.TerminatedFile(); }
 
   std::string Manifest(const std::string& pkgid, bool readOnly) const {
-    return (readOnly ? RoPackagesDir() : RwPackagesDir()) + "/" + pkgid + ".xml";
+    return layout_.Manifest(pkgid, readOnly);
   }
   std::string AppRoot(const std::string& pkgid, bool readOnly) const {
-    return (readOnly ? RoAppDir() : RwAppDir()) + "/" + pkgid;
+    return layout_.AppRoot(pkgid, readOnly);
   }
 
-  // Every directory of the layout; a device is a directory that has all of them.
-  std::vector<std::string> LayoutDirs() const;
+  // A device is a directory that has every directory of the layout.
   bool Exists() const;
-  void Create() const;
+  void Create() const { layout_.Create(); }
   // Points the host stand-ins (and so the plug-in, which builds its paths when it is loaded) at the device.
-  void Export() const;
+  void Export() const { layout_.Export(); }
 
   PackageState StateOf(const std::string& pkgid) const;
   // Copies a package directory into the chosen area: its files to the application root, its manifest to
@@ -67,7 +69,7 @@ class Device {
   void SetForeground(const std::string& appid) const;
 
  private:
-  std::string root_;
+  hostkit::Layout layout_;
 };
 
 // The device named on the command line, or PKGSIM_DEVICE, or ./pkgsim-device.

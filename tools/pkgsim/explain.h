@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
+#include "hostkit/manifest.h"
 #include "log.h"
-#include "manifest.h"
 #include "plugin.h"
 #include "snapshot.h"
 
@@ -29,7 +29,7 @@ struct Note {
 // One call of the plug-in, as pkgsim made and watched it.
 struct Call {
   Operation operation;
-  host::Manifest manifest;  // the package the call was about
+  hostkit::Manifest manifest;  // the package the call was about
   std::string appid;
   MetadataItems items;
   Log log;  // the plug-in's entries of this call

@@ -1,7 +1,6 @@
 #include "help.h"
 
 namespace pkgsim {
-namespace {
 
 const char kGeneralHelp[] =
     "usage: pkgsim [--device DIR] [--plugin LIB] [--quiet] COMMAND [ARGS]\n"
@@ -127,21 +126,5 @@ const char kDemoHelp[] =
     "installation fails and is undone, a broken package, uninstalls (the xwalk one leaves its\n"
     "extension records behind) and a bad request, printing what each step changed and why.\n"
     "The temporary device is removed at the end unless --keep is given (a --device DIR stays).\n";
-
-}  // namespace
-
-const char* HelpFor(const std::string& command) {
-  static const struct {
-    const char* command;
-    const char* text;
-  } kHelps[] = {{"init", kInitHelp},       {"check", kCheckHelp},
-                {"install", kInstallHelp}, {"uninstall", kUninstallHelp},
-                {"show", kShowHelp},       {"foreground", kForegroundHelp},
-                {"demo", kDemoHelp}};
-  for (const auto& help : kHelps) {
-    if (command == help.command) return help.text;
-  }
-  return kGeneralHelp;
-}
 
 }  // namespace pkgsim

@@ -1,13 +1,18 @@
-// The help texts of pkgsim: one general text and one per command.
+// The help texts of pkgsim: one general text and one per command (the command table in main.cpp names
+// each command's text).
 #ifndef PKGSIM_HELP_H_
 #define PKGSIM_HELP_H_
 
-#include <string>
-
 namespace pkgsim {
 
-// The help on `command`, or the general help when there is no such command.
-const char* HelpFor(const std::string& command);
+extern const char kGeneralHelp[];
+extern const char kInitHelp[];
+extern const char kCheckHelp[];
+extern const char kInstallHelp[];
+extern const char kUninstallHelp[];
+extern const char kShowHelp[];
+extern const char kForegroundHelp[];
+extern const char kDemoHelp[];
 
 }  // namespace pkgsim
 

@@ -84,7 +84,7 @@ Installer::Outcome Installer::Install(const Package& package, bool preload, bool
     RunStep(Operation::kUpgrade, previous->Get().manifest, outcome.calls);
   } else {
     device_.Remove(pkgid, false);
-    const host::Manifest preloaded =
+    const hostkit::Manifest preloaded =
         ReadManifestOrFail(device_.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
     out_ << pkgid << " is back at its preloaded version " << preloaded.version << "\n";
     RunStep(Operation::kUpgrade, preloaded, outcome.calls);
@@ -97,9 +97,9 @@ Installer::Outcome Installer::Uninstall(const std::string& pkgid) {
   if (!state.Present()) throw std::runtime_error("unknown package: " + pkgid);
   if (!state.rw)
     throw std::runtime_error(pkgid + " is preloaded in the read-only image and cannot be uninstalled");
-  const host::Manifest installed =
+  const hostkit::Manifest installed =
       ReadManifestOrFail(device_.Manifest(pkgid, false), "cannot read the manifest of " + pkgid);
-  host::Manifest preloaded;
+  hostkit::Manifest preloaded;
   if (state.ro) {
     preloaded =
         ReadManifestOrFail(device_.Manifest(pkgid, true), "cannot read the preloaded manifest of " + pkgid);
@@ -123,10 +123,10 @@ void ReportOperation(const Device& device, const Installer::Outcome& outcome, bo
   if (!quiet) PrintLog(ReadLog(device.LogFile(), outcome.before.logSize, getpid()), out);
 }
 
-void Installer::RunStep(Operation operation, const host::Manifest& manifest, std::vector<Call>& calls) {
+void Installer::RunStep(Operation operation, const hostkit::Manifest& manifest, std::vector<Call>& calls) {
   const PluginStep plugin(pluginPath_);
   bool called = false;
-  for (const host::ManifestApp& app : manifest.apps) {
+  for (const hostkit::ManifestApp& app : manifest.apps) {
     MetadataItems items = ItemsOfNamespace(app);
     if (items.empty()) continue;
     called = true;

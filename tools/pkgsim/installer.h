@@ -39,7 +39,7 @@ class Installer {
 
   // One plug-in step: the plug-in loaded, called once per application of `manifest` that has items of
   // its namespace, unloaded.
-  void RunStep(Operation operation, const host::Manifest& manifest, std::vector<Call>& calls);
+  void RunStep(Operation operation, const hostkit::Manifest& manifest, std::vector<Call>& calls);
 
  private:
   const Device& device_;

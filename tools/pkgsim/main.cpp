@@ -1,7 +1,15 @@
 // pkgsim: the package manager of a TV, on a PC. It installs, upgrades and uninstalls packages on a
 // sandbox device, calls the metadata-parser plug-in as the device's package manager does, and shows what
-// the plug-in did and why. This file only parses the command line and dispatches; each command lives in
-// a file of its own.
+// the plug-in did and why. This file only dispatches the command line that options.cpp parses, through
+// the command table below. The commands live in:
+//   init, foreground     device_commands.cpp, on device.cpp (the device, laid out by hostkit/layout.h)
+//   install, uninstall   install.cpp, on installer.cpp (the installer's steps) and package.cpp
+//   check                check.cpp, on scratch.cpp (a scratch copy of the device) and traps.cpp
+//   show                 show.cpp, on scratch.cpp
+//   demo                 demo.cpp (each step a pkgsim process of its own)
+// The plug-in is called through plugin.h (hostkit/plugin_call.h). What a command says of the plug-in's
+// decisions comes from explain.cpp, which reads the log through log.cpp; what changed on the device from
+// snapshot.cpp and report.cpp. The help texts are in help.cpp.
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -14,6 +22,35 @@
 namespace pkgsim {
 namespace {
 
+// The commands. Adding one: its function in a file of its own (the build takes every .cpp here),
+// declared in commands.h; its help text in help.cpp (declared in help.h, listed in kGeneralHelp); its line
+// here; options that only it takes in kCommandFlags (options.cpp).
+struct Command {
+  const char* name;
+  int (*run)(const Options&);
+  const char* help;
+};
+const Command kCommands[] = {{"init", Init, kInitHelp},
+                             {"check", Check, kCheckHelp},
+                             {"install", Install, kInstallHelp},
+                             {"uninstall", Uninstall, kUninstallHelp},
+                             {"show", Show, kShowHelp},
+                             {"demo", Demo, kDemoHelp},
+                             {"foreground", Foreground, kForegroundHelp}};
+
+const Command* Find(const std::string& name) {
+  for (const Command& command : kCommands) {
+    if (name == command.name) return &command;
+  }
+  return nullptr;
+}
+
+// The help on a command, or the general help when there is no such command.
+const char* HelpFor(const std::string& name) {
+  const Command* command = Find(name);
+  return command != nullptr ? command->help : kGeneralHelp;
+}
+
 int Run(const Options& options) {
   if (options.command.empty() && !options.help) {
     std::cerr << HelpFor("");
@@ -24,14 +61,7 @@ int Run(const Options& options) {
                                                                             : options.command);
     return 0;
   }
-  static const struct {
-    const char* name;
-    int (*run)(const Options&);
-  } kCommands[] = {{"init", Init}, {"check", Check}, {"install", Install},      {"uninstall", Uninstall},
-                   {"show", Show}, {"demo", Demo},   {"foreground", Foreground}};
-  for (const auto& command : kCommands) {
-    if (options.command == command.name) return command.run(options);
-  }
+  if (const Command* command = Find(options.command)) return command->run(options);
   throw UsageError("unknown command " + options.command + " (pkgsim --help)");
 }
 

@@ -22,10 +22,10 @@ Package ReadPackage(const std::string& dir) {
   return package;
 }
 
-host::Manifest ReadManifestOrFail(const std::string& path, const std::string& what) {
-  host::Manifest manifest;
+hostkit::Manifest ReadManifestOrFail(const std::string& path, const std::string& what) {
+  hostkit::Manifest manifest;
   std::string reason;
-  if (!host::ReadManifest(path, manifest, reason)) throw std::runtime_error(what + ": " + reason);
+  if (!hostkit::ReadManifest(path, manifest, reason)) throw std::runtime_error(what + ": " + reason);
   return manifest;
 }
 
@@ -34,9 +34,10 @@ std::string NotPreloadable(const std::string& pkgid) {
 }
 
 std::string VersionOnDevice(const Device& device, const std::string& pkgid, bool readOnly) {
-  host::Manifest manifest;
+  hostkit::Manifest manifest;
   std::string reason;
-  if (!host::ReadManifest(device.Manifest(pkgid, readOnly), manifest, reason)) return "(unreadable manifest)";
+  if (!hostkit::ReadManifest(device.Manifest(pkgid, readOnly), manifest, reason))
+    return "(unreadable manifest)";
   return manifest.version;
 }
 

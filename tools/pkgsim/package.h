@@ -6,14 +6,14 @@
 #include <string>
 
 #include "device.h"
-#include "manifest.h"
+#include "hostkit/manifest.h"
 
 namespace pkgsim {
 
 struct Package {
   std::string dir;  // absolute
   std::string manifestPath;
-  host::Manifest manifest;
+  hostkit::Manifest manifest;
 
   const std::string& Id() const { return manifest.package; }
 };
@@ -22,7 +22,7 @@ struct Package {
 Package ReadPackage(const std::string& dir);
 
 // Throws std::runtime_error with `what` and the reader's reason when the manifest cannot be read.
-host::Manifest ReadManifestOrFail(const std::string& path, const std::string& what);
+hostkit::Manifest ReadManifestOrFail(const std::string& path, const std::string& what);
 
 // Why a package that is on the device, or twice in one request, cannot be preloaded.
 std::string NotPreloadable(const std::string& pkgid);

@@ -5,13 +5,10 @@
 #ifndef PKGSIM_PLUGIN_H_
 #define PKGSIM_PLUGIN_H_
 
-#include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
-#include "manifest.h"
-#include "plugin_parser_interface.h"
+#include "hostkit/manifest.h"
+#include "hostkit/plugin_call.h"
 
 namespace pkgsim {
 
@@ -21,36 +18,19 @@ inline const std::string kTypeKey = kNamespace + "upgradable_webapi_type";
 inline const std::string kAllowListKey = kNamespace + "upgradable_webapi_applist";
 inline const std::string kForceKey = kNamespace + "forceupdate_webapi";
 
-enum class Operation { kInstall, kUpgrade, kUninstall };
-const char* EntryPointName(Operation operation);
-
-using MetadataItems = std::vector<std::pair<std::string, std::string>>;
+using hostkit::EntryPointName;
+using hostkit::MetadataItems;
+using hostkit::Operation;
 
 // The items of an application that the package manager hands to the plug-in: those whose key starts
 // with the namespace, in manifest order. The manifest reader leaves out a <metadata> without a key and
 // reads a missing value as the empty string, so every item it gives has both set.
-MetadataItems ItemsOfNamespace(const host::ManifestApp& app);
+MetadataItems ItemsOfNamespace(const hostkit::ManifestApp& app);
 
-class PluginStep {
- public:
-  // Loads the library; the device must already be exported, since the plug-in fixes its paths at its
-  // first load. Throws std::runtime_error with dlerror's text when the library or an entry point is
-  // missing.
-  explicit PluginStep(const std::string& path);
-
-  // Calls the entry point of `operation` once, with the items as the package manager publishes them.
-  int Call(Operation operation, const std::string& pkgid, const std::string& appid,
-           const MetadataItems& items) const;
-
- private:
-  struct Closer {
-    void operator()(void* library) const;
-  };
-  using EntryPoint = decltype(&PKGMGR_MDPARSER_PLUGIN_INSTALL);
-
-  std::unique_ptr<void, Closer> library_;
-  EntryPoint entries_[3] = {};
-};
+// One plug-in step: the plug-in loaded when it starts and unloaded when it ends; loading throws
+// std::runtime_error with dlerror's text when the library or an entry point is missing. The device must
+// already be exported, since the plug-in fixes its paths at its first load.
+using PluginStep = hostkit::PluginLibrary;
 
 }  // namespace pkgsim
 

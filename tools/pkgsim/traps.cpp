@@ -27,7 +27,7 @@ void VersionTraps(const std::string& version, std::vector<std::string>& traps) {
 
 void KeyTraps(const Package& package, std::vector<std::string>& traps) {
   const std::string known[] = {kTypeKey, kAllowListKey, kForceKey};
-  for (const host::ManifestApp& app : package.manifest.apps) {
+  for (const hostkit::ManifestApp& app : package.manifest.apps) {
     for (const auto& [key, value] : ItemsOfNamespace(app)) {
       if (std::find(std::begin(known), std::end(known), key) == std::end(known)) {
         const auto near = std::find_if(std::begin(known), std::end(known),
@@ -48,10 +48,10 @@ std::set<std::string> ApplicationsOn(const Device& device) {
   std::set<std::string> ids;
   for (const auto& [pkgid, state] : device.Packages()) {
     for (bool readOnly : {false, true}) {
-      host::Manifest manifest;
+      hostkit::Manifest manifest;
       std::string reason;
-      if (!host::ReadManifest(device.Manifest(pkgid, readOnly), manifest, reason)) continue;
-      for (const host::ManifestApp& app : manifest.apps) ids.insert(app.appid);
+      if (!hostkit::ReadManifest(device.Manifest(pkgid, readOnly), manifest, reason)) continue;
+      for (const hostkit::ManifestApp& app : manifest.apps) ids.insert(app.appid);
     }
   }
   return ids;
@@ -60,7 +60,7 @@ std::set<std::string> ApplicationsOn(const Device& device) {
 // The allow-list as the package-information service gives it to the plug-in: from the application whose
 // id is the package id, the key matched ignoring case.
 std::string AllowList(const Package& package) {
-  for (const host::ManifestApp& app : package.manifest.apps) {
+  for (const hostkit::ManifestApp& app : package.manifest.apps) {
     if (app.appid != package.Id()) continue;
     for (const auto& [key, value] : app.metadata) {
       if (SameIgnoringCase(key, kAllowListKey)) return value;

@@ -13,7 +13,7 @@
 #include <mutex>
 #include <string>
 
-#include "append_file.h"
+#include "hostkit/append_file.h"
 
 namespace {
 
@@ -88,7 +88,7 @@ extern "C" int __dlog_print(log_id_t log_id, int prio, const char* tag, const ch
 
   // Never destroyed: a static destructor elsewhere may still log while the process ends.
   static std::mutex* const mutex = new std::mutex;
-  static host::AppendFile* const file = new host::AppendFile;
+  static hostkit::AppendFile* const file = new hostkit::AppendFile;
   const char* path = std::getenv("HOST_DLOG_FILE");
   const std::lock_guard<std::mutex> lock(*mutex);
   if (path == nullptr || *path == '\0' || !file->Append(path, line.data(), line.size())) {

@@ -21,9 +21,13 @@
 #include <string>
 #include <vector>
 
-#include "manifest.h"
+#include "hostkit/manifest.h"
 
 namespace host {
+
+using hostkit::Manifest;
+using hostkit::ManifestApp;
+using hostkit::ReadManifest;
 
 // One manifest file, named <package>.xml.
 class ManifestEntry {

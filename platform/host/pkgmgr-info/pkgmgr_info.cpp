@@ -5,9 +5,9 @@
 //   TZ_SYS_RO_PACKAGES  manifests of preloaded packages              (default /usr/share/packages)
 //   TZ_SYS_RW_APP       root of installed packages' directories      (default /opt/usr/apps)
 //   TZ_SYS_RO_APP       root of preloaded packages' directories      (default /usr/apps)
-//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names; those calls answer -1 (error) before
-//                         looking at their arguments. A forced failure of a destroy call still releases
-//                         the handle, so that provoking it never leaks.
+//   HOST_PKGMGRINFO_FAIL  comma-separated pkgmgrinfo function names (blanks around them ignored); those
+//                         calls answer -1 (error) before looking at their arguments. A forced failure of
+//                         a destroy call still releases the handle, so that provoking it never leaks.
 // An empty variable counts as unset.
 //
 // Package P is described by $TZ_SYS_RW_PACKAGES/P.xml, or, when there is none, by $TZ_SYS_RO_PACKAGES/P.xml
@@ -36,6 +36,7 @@
 #include <utility>
 #include <vector>
 
+#include "hostkit/fail_list.h"
 #include "manifest_index.h"
 
 namespace {
@@ -65,20 +66,13 @@ Bookkeeping& Books() {
   return books;
 }
 
-bool ForcedToFail(const std::string& function) {
-  const char* list = std::getenv("HOST_PKGMGRINFO_FAIL");
-  if (list == nullptr) return false;
-  const std::string padded = "," + std::string(list) + ",";
-  return padded.find("," + function + ",") != std::string::npos;
-}
-
 // Counts the call; true when the test asked for it to fail.
 bool Enter(const char* function) {
   {
     std::lock_guard<std::mutex> lock(Books().mutex);
     ++Books().calls[function];
   }
-  return ForcedToFail(function);
+  return hostkit::Listed("HOST_PKGMGRINFO_FAIL", function);
 }
 
 void* Register(std::set<void*> Bookkeeping::*kind, void* handle) {
@@ -162,9 +156,9 @@ Search FindApp(const Area& area, const host::ManifestDirectory* shadowed, const 
   };
   for (auto& [package, entry] : manifests) {
     if (!visible(package) || !entry.MayDeclare(appid)) continue;
-    const host::Manifest* manifest = entry.Parsed();
+    const hostkit::Manifest* manifest = entry.Parsed();
     if (manifest == nullptr) continue;
-    for (const host::ManifestApp& app : manifest->apps) {
+    for (const hostkit::ManifestApp& app : manifest->apps) {
       if (app.appid != appid) continue;
       found.appid = app.appid;
       found.rootPath = area.apps + "/" + package;
@@ -249,7 +243,7 @@ int pkgmgrinfo_pkginfo_get_pkginfo(const char* pkgid, pkgmgrinfo_pkginfo_h* hand
   host::ManifestEntry* entry = FindManifest(Writable(), pkgid);
   if (entry == nullptr) entry = FindManifest(ReadOnly(), pkgid);
   if (entry == nullptr) return PMINFO_R_ENOENT;
-  const host::Manifest* manifest = entry->Parsed();
+  const hostkit::Manifest* manifest = entry->Parsed();
   if (manifest == nullptr) return PMINFO_R_ERROR;
   auto package = std::make_unique<PkgInfo>();
   package->version = manifest->version;

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <string>
 
+#include "hostkit/fail_list.h"
+
 namespace {
 
 struct Variable {
@@ -22,20 +24,12 @@ constexpr Variable kVariables[] = {
     {TZ_SYS_RO_PACKAGES, "TZ_SYS_RO_PACKAGES", "/usr/share/packages"},
 };
 
-// HOST_TZPLATFORM_UNSET lists the variables for which the service is to fail (answer NULL).
-bool ForcedUnset(const char* name) {
-  const char* list = std::getenv("HOST_TZPLATFORM_UNSET");
-  if (list == nullptr) return false;
-  const std::string padded = "," + std::string(list) + ",";
-  return padded.find("," + std::string(name) + ",") != std::string::npos;
-}
-
 }  // namespace
 
 extern "C" const char* tzplatform_getenv(enum tzplatform_variable id) {
   for (const Variable& variable : kVariables) {
     if (variable.id != id) continue;
-    if (ForcedUnset(variable.name)) return nullptr;
+    if (hostkit::Listed("HOST_TZPLATFORM_UNSET", variable.name)) return nullptr;  // forced to fail
     const char* value = std::getenv(variable.name);
     return (value != nullptr && *value != '\0') ? value : variable.device_default;
   }

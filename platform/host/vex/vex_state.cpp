@@ -21,7 +21,8 @@
 #include <cstring>
 #include <mutex>
 
-#include "append_file.h"
+#include "hostkit/append_file.h"
+#include "hostkit/fail_list.h"
 
 namespace host_vex {
 namespace {
@@ -31,26 +32,9 @@ std::string StateDir() {
   return dir != nullptr ? dir : "";
 }
 
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
-
 }  // namespace
 
-bool FailureForced(const char* token) {
-  const char* list = std::getenv("HOST_VEX_FAIL");
-  if (list == nullptr) return false;
-  const size_t length = std::strlen(token);
-  for (const char* item = list;; ++item) {
-    const char* end = std::strchr(item, ',');
-    if (end == nullptr) end = item + std::strlen(item);
-    const char* first = item;
-    const char* last = end;
-    while (first < last && IsBlank(*first)) ++first;
-    while (last > first && IsBlank(last[-1])) --last;
-    if (static_cast<size_t>(last - first) == length && std::memcmp(first, token, length) == 0) return true;
-    if (*end == '\0') return false;
-    item = end;
-  }
-}
+bool FailureForced(const char* token) { return hostkit::Listed("HOST_VEX_FAIL", token); }
 
 std::string ForegroundAppId() {
   const std::string dir = StateDir();
@@ -71,7 +55,7 @@ bool RecordTermination(const std::string& appId) {
   if (dir.empty()) return true;
   // Never destroyed: a termination may still come while the process ends.
   static std::mutex* const mutex = new std::mutex;
-  static host::AppendFile* const record = new host::AppendFile;
+  static hostkit::AppendFile* const record = new hostkit::AppendFile;
   const std::string line = appId + "\n";
   const std::lock_guard<std::mutex> lock(*mutex);
   return record->Append(dir + "/terminated", line.data(), line.size());

@@ -1,10 +1,10 @@
-#include "append_file.h"
+#include "hostkit/append_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-namespace host {
+namespace hostkit {
 
 bool AppendFile::Current(const std::string& path) const {
   if (fd_ < 0 || owner_ != getpid() || path != path_) return false;
@@ -34,4 +34,4 @@ bool AppendFile::Append(const std::string& path, const char* data, size_t size) 
   return write(fd_, data, size) == static_cast<ssize_t>(size);
 }
 
-}  // namespace host
+}  // namespace hostkit

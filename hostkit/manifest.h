@@ -5,14 +5,14 @@
 // Only what those two need is read: the package id and version from the <manifest> root, and every
 // application (a child of <manifest> whose element name ends in "-application") with its appid and its
 // <metadata key=".." value=".."/> children. Everything else in the file is ignored.
-#ifndef HOST_MANIFEST_MANIFEST_H_
-#define HOST_MANIFEST_MANIFEST_H_
+#ifndef WUP_HOSTKIT_MANIFEST_H_
+#define WUP_HOSTKIT_MANIFEST_H_
 
 #include <string>
 #include <utility>
 #include <vector>
 
-namespace host {
+namespace hostkit {
 
 struct ManifestApp {
   std::string appid;
@@ -31,6 +31,6 @@ struct Manifest {
 // a key is left out; a missing value reads as the empty string.
 bool ReadManifest(const std::string& path, Manifest& out, std::string& error);
 
-}  // namespace host
+}  // namespace hostkit
 
-#endif  // HOST_MANIFEST_MANIFEST_H_
+#endif  // WUP_HOSTKIT_MANIFEST_H_

@@ -2,15 +2,15 @@
 // sandbox device's log, the record of terminations). The file stays open between calls; it is opened
 // anew when the caller names another path, when the path names another file by now (removed, replaced),
 // and in a forked child, whose writes must not go through its parent's descriptor.
-#ifndef HOST_APPEND_FILE_H_
-#define HOST_APPEND_FILE_H_
+#ifndef WUP_HOSTKIT_APPEND_FILE_H_
+#define WUP_HOSTKIT_APPEND_FILE_H_
 
 #include <sys/types.h>
 
 #include <cstddef>
 #include <string>
 
-namespace host {
+namespace hostkit {
 
 class AppendFile {
  public:
@@ -34,6 +34,6 @@ class AppendFile {
   ino_t inode_ = 0;
 };
 
-}  // namespace host
+}  // namespace hostkit
 
-#endif  // HOST_APPEND_FILE_H_
+#endif  // WUP_HOSTKIT_APPEND_FILE_H_

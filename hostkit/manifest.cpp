@@ -1,4 +1,4 @@
-#include "manifest.h"
+#include "hostkit/manifest.h"
 
 #include <libxml/parser.h>
 #include <libxml/tree.h>
@@ -9,7 +9,7 @@
 #include <cstring>
 #include <memory>
 
-namespace host {
+namespace hostkit {
 namespace {
 
 struct FileCloser {
@@ -133,4 +133,4 @@ bool ReadManifest(const std::string& path, Manifest& out, std::string& error) {
   return true;
 }
 
-}  // namespace host
+}  // namespace hostkit
