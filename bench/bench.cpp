@@ -70,15 +70,24 @@ std::string AppListOf(int i) { return "Bn" + Numbered(i) + "App.Main"; }
 // metadata, privileges and a feature.
 std::string Manifest(const std::string& pkgid, const std::string& appList) {
   return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-         "<manifest xmlns=\"http://tizen.org/ns/packages\" api-version=\"6.0\" package=\"" + pkgid +
+         "<manifest xmlns=\"http://tizen.org/ns/packages\" api-version=\"6.0\" package=\"" +
+         pkgid +
          "\" version=\"1.0.0\">\n"
          "    <profile name=\"tv\"/>\n"
-         "    <service-application appid=\"" + pkgid + "\" exec=\"plugin\" type=\"capp\" multiple=\"false\""
+         "    <service-application appid=\"" +
+         pkgid +
+         "\" exec=\"plugin\" type=\"capp\" multiple=\"false\""
          " taskmanage=\"false\" nodisplay=\"true\">\n"
-         "        <label>Web API plug-in " + pkgid.substr(pkgid.rfind('.') + 1) + "</label>\n"
+         "        <label>Web API plug-in " +
+         pkgid.substr(pkgid.rfind('.') + 1) +
+         "</label>\n"
          "        <icon>plugin.png</icon>\n"
-         "        <metadata key=\"" + kTypeKey + "\" value=\"pepperplugin\"/>\n"
-         "        <metadata key=\"" + kAppListKey + "\" value=\"" + appList + "\"/>\n"
+         "        <metadata key=\"" +
+         kTypeKey +
+         "\" value=\"pepperplugin\"/>\n"
+         "        <metadata key=\"" +
+         kAppListKey + "\" value=\"" + appList +
+         "\"/>\n"
          "    </service-application>\n"
          "    <privileges>\n"
          "        <privilege>http://tizen.org/privilege/internet</privilege>\n"
@@ -110,7 +119,8 @@ struct Usage {
 };
 
 // Runs a program to its end with the device's environment (and `extra` variables).
-Usage Run(const Device& device, const std::vector<std::string>& args, const std::vector<std::string>& extra = {}) {
+Usage Run(const Device& device, const std::vector<std::string>& args,
+          const std::vector<std::string>& extra = {}) {
   const auto start = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
@@ -157,7 +167,8 @@ long Syncs(const Device& device, const std::vector<std::string>& args, const fs:
 
 std::vector<std::string> PluginCall(const std::string& operation, const std::string& pkgid,
                                     const std::string& appList, const std::string& plugin = BENCH_PLUGIN) {
-  return {BENCH_CALL, plugin, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
+  return {
+      BENCH_CALL, plugin, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
 }
 
 // Which build a plug-in library is: the policy name it exports.
@@ -231,7 +242,8 @@ std::string Rows(const Device& device) {
   std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
   std::string rows;
   auto append = [](void* out, int columns, char** values, char**) {
-    for (int i = 0; i < columns; ++i) *static_cast<std::string*>(out) += (values[i] ? values[i] : "NULL") + std::string("|");
+    for (int i = 0; i < columns; ++i)
+      *static_cast<std::string*>(out) += (values[i] ? values[i] : "NULL") + std::string("|");
     *static_cast<std::string*>(out) += "\n";
     return 0;
   };
@@ -265,7 +277,8 @@ std::string Compare(const Outcome& plugin, const Outcome& other, Agreement agree
   if (!other.backupEqual) differences += " backup";
   if (agreement != Agreement::kFiles && plugin.terminated != other.terminated) differences += " terminations";
   if (agreement == Agreement::kFull && plugin.logLines != other.logLines) {
-    differences += " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(other.logLines) + ")";
+    differences +=
+        " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(other.logLines) + ")";
   }
   return differences;
 }
@@ -331,18 +344,21 @@ Profile ReadProfile(const fs::path& path) {
     }
   }
   for (const auto& [where, cost] : inclusive) {
-    if (IsStandIn(where.first) && IsPlatformFunction(where.second)) profile.platformByObject[where.first] += cost;
+    if (IsStandIn(where.first) && IsPlatformFunction(where.second))
+      profile.platformByObject[where.first] += cost;
   }
   return profile;
 }
 
 Profile Instructions(const Device& device, std::vector<std::string> args, const fs::path& out) {
-  args.insert(args.begin(), {"valgrind", "--tool=callgrind", "--quiet", "--callgrind-out-file=" + out.string()});
+  args.insert(args.begin(),
+              {"valgrind", "--tool=callgrind", "--quiet", "--callgrind-out-file=" + out.string()});
   Run(device, args);
   return ReadProfile(out);
 }
 
-// ---- the benchmark -----------------------------------------------------------------------------------------
+// ---- the benchmark
+// -----------------------------------------------------------------------------------------
 
 // A program and its arguments for the device it runs on.
 struct Variant {
@@ -403,10 +419,12 @@ void RequireAgreement(const std::vector<Variant>& variants, const std::vector<Ou
   std::string differences;
   for (size_t v = 1; v < variants.size(); ++v) {
     const std::string differ = Compare(outcomes[0], outcomes[v], variants[v].agreement);
-    if (!differ.empty()) differences += std::string(differences.empty() ? " " : "; ") + variants[v].name + ":" + differ;
+    if (!differ.empty())
+      differences += std::string(differences.empty() ? " " : "; ") + variants[v].name + ":" + differ;
   }
   if (!differences.empty()) {
-    throw std::runtime_error(what + ": left other than the plug-in did:" + differences + "; no figures are reported");
+    throw std::runtime_error(what + ": left other than the plug-in did:" + differences +
+                             "; no figures are reported");
   }
 }
 
@@ -451,12 +469,18 @@ std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const s
   return figures;
 }
 
-void PrintTable(const char* operation, const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows,
-                bool instructions) {
-  std::printf("\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor, fsync + fdatasync calls\n\n",
-              operation);
-  std::printf("| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor | syncs plug-in, floor, bare floor |");
-  if (instructions) std::printf(" Ir plug-in | Ir floor | Ir bare floor | plug-in / floor | plug-in / bare floor | stand-ins' share |");
+void PrintTable(const char* operation, const std::vector<int>& counts,
+                const std::vector<std::vector<Figures>>& rows, bool instructions) {
+  std::printf(
+      "\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor, fsync + fdatasync calls\n\n",
+      operation);
+  std::printf(
+      "| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor | syncs "
+      "plug-in, floor, bare floor |");
+  if (instructions)
+    std::printf(
+        " Ir plug-in | Ir floor | Ir bare floor | plug-in / floor | plug-in / bare floor | stand-ins' share "
+        "|");
   std::printf("\n|---|---|---|---|---|---|---|%s\n", instructions ? "---|---|---|---|---|---|" : "");
   for (size_t i = 0; i < counts.size(); ++i) {
     const Figures& plugin = rows[i][0];
@@ -467,8 +491,9 @@ void PrintTable(const char* operation, const std::vector<int>& counts, const std
                 Ratio(plugin.cpu, bare.cpu).c_str(), plugin.syncs, floor.syncs, bare.syncs);
     if (instructions) {
       const unsigned long long p = plugin.profile.total, f = floor.profile.total, b = bare.profile.total;
-      std::printf(" %s | %s | %s | %s | %s | %s |", Millions(p).c_str(), Millions(f).c_str(), Millions(b).c_str(),
-                  Ratio(p, f).c_str(), Ratio(p, b).c_str(), Percent(plugin.profile.Platform(), p).c_str());
+      std::printf(" %s | %s | %s | %s | %s | %s |", Millions(p).c_str(), Millions(f).c_str(),
+                  Millions(b).c_str(), Ratio(p, f).c_str(), Ratio(p, b).c_str(),
+                  Percent(plugin.profile.Platform(), p).c_str());
     }
     std::printf("\n");
   }
@@ -484,14 +509,16 @@ void PrintTable(const char* operation, const std::vector<int>& counts, const std
 }
 
 // The second build against the default one, install by install.
-void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows, size_t hardened,
-                   bool instructions) {
-  std::printf("\nInstall, hardened / default build: instructions (millions), CPU and wall ms (median), "
-              "fsync + fdatasync calls\n\n| N |");
+void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows,
+                   size_t hardened, bool instructions) {
+  std::printf(
+      "\nInstall, hardened / default build: instructions (millions), CPU and wall ms (median), "
+      "fsync + fdatasync calls\n\n| N |");
   if (instructions) std::printf(" Ir default | Ir hardened | hardened / default |");
-  std::printf(" CPU default | CPU hardened | hardened / default | wall default | wall hardened | hardened / default |"
-              " syncs default | syncs hardened |\n|---|%s---|---|---|---|---|---|---|---|\n",
-              instructions ? "---|---|---|" : "");
+  std::printf(
+      " CPU default | CPU hardened | hardened / default | wall default | wall hardened | hardened / default |"
+      " syncs default | syncs hardened |\n|---|%s---|---|---|---|---|---|---|---|\n",
+      instructions ? "---|---|---|" : "");
   for (size_t i = 0; i < counts.size(); ++i) {
     const Figures& base = rows[i][0];
     const Figures& other = rows[i][hardened];
@@ -500,9 +527,9 @@ void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector
       const unsigned long long b = base.profile.total, h = other.profile.total;
       std::printf(" %s | %s | %s |", Millions(b).c_str(), Millions(h).c_str(), Ratio(h, b).c_str());
     }
-    std::printf(" %s | %s | %s | %s | %s | %s | %ld | %ld |\n", Millis(base.cpu).c_str(), Millis(other.cpu).c_str(),
-                Ratio(other.cpu, base.cpu).c_str(), Millis(base.wall).c_str(), Millis(other.wall).c_str(),
-                Ratio(other.wall, base.wall).c_str(), base.syncs, other.syncs);
+    std::printf(" %s | %s | %s | %s | %s | %s | %ld | %ld |\n", Millis(base.cpu).c_str(),
+                Millis(other.cpu).c_str(), Ratio(other.cpu, base.cpu).c_str(), Millis(base.wall).c_str(),
+                Millis(other.wall).c_str(), Ratio(other.wall, base.wall).c_str(), base.syncs, other.syncs);
   }
 }
 
@@ -518,7 +545,8 @@ void PrintBreakdown(int count, const Profile& profile) {
   for (const auto& [object, cost] : profile.selfByObject) objects.emplace_back(cost, object);
   std::sort(objects.rbegin(), objects.rend());
   for (const auto& [cost, object] : objects) {
-    if (cost * 100 >= profile.total) std::printf(" %s %s;", fs::path(object).filename().c_str(), Percent(cost, profile.total).c_str());
+    if (cost * 100 >= profile.total)
+      std::printf(" %s %s;", fs::path(object).filename().c_str(), Percent(cost, profile.total).c_str());
   }
   std::printf("\n");
 }
@@ -549,10 +577,11 @@ int main(int argc, char** argv) {
     } else if (arg == "--keep") {
       options.keep = true;
     } else {
-      std::fprintf(stderr,
-                   "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--hardened PLUGIN.so]\n"
-                   "       [--dir DIR] [--keep]\n",
-                   argv[0]);
+      std::fprintf(
+          stderr,
+          "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--hardened PLUGIN.so]\n"
+          "       [--dir DIR] [--keep]\n",
+          argv[0]);
       return 2;
     }
   }
@@ -566,29 +595,50 @@ int main(int argc, char** argv) {
   using Args = std::vector<std::string>;
   // The bare floor is told the facts that the platform answers on the device.
   std::vector<Variant> install = {
-      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); }, Agreement::kFull},
-      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "install", kNewPackage}; }, Agreement::kFull},
+      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); },
+       Agreement::kFull},
+      {"floor",
+       [](const Device&) {
+         return Args{BENCH_FLOOR, "install", kNewPackage};
+       },
+       Agreement::kFull},
       {"bare floor",
        [](const Device& device) {
-         return Args{BENCH_FLOOR, "install", kNewPackage, "--bare", "1.0.0", "pepperplugin",
-                     (device.RwApp() / kNewPackage).string(), kNewAppList};
+         return Args{BENCH_FLOOR,
+                     "install",
+                     kNewPackage,
+                     "--bare",
+                     "1.0.0",
+                     "pepperplugin",
+                     (device.RwApp() / kNewPackage).string(),
+                     kNewAppList};
        },
        Agreement::kFiles}};
   const std::vector<Variant> uninstall = {
-      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); }, Agreement::kFull},
-      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage}; }, Agreement::kFull},
-      {"bare floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"}; },
+      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); },
+       Agreement::kFull},
+      {"floor",
+       [](const Device&) {
+         return Args{BENCH_FLOOR, "uninstall", kNewPackage};
+       },
+       Agreement::kFull},
+      {"bare floor",
+       [](const Device&) {
+         return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"};
+       },
        Agreement::kFiles}};
   const size_t hardened = install.size();
 
   std::vector<std::vector<Figures>> installs, uninstalls;
   try {
     if (!options.hardened.empty()) {
-      install.push_back({"hardened",
-                         [&](const Device&) { return PluginCall("install", kNewPackage, kNewAppList, options.hardened); },
-                         Agreement::kFilesAndTerminations});
-      std::printf("default build: %s (%s)\nhardened build: %s (%s)\n", BENCH_PLUGIN, PolicyOf(BENCH_PLUGIN).c_str(),
-                  options.hardened.c_str(), PolicyOf(options.hardened).c_str());
+      install.push_back(
+          {"hardened",
+           [&](const Device&) { return PluginCall("install", kNewPackage, kNewAppList, options.hardened); },
+           Agreement::kFilesAndTerminations});
+      std::printf("default build: %s (%s)\nhardened build: %s (%s)\n", BENCH_PLUGIN,
+                  PolicyOf(BENCH_PLUGIN).c_str(), options.hardened.c_str(),
+                  PolicyOf(options.hardened).c_str());
     }
     for (int count : options.counts) {
       const std::string at = "N = " + std::to_string(count);
@@ -598,8 +648,10 @@ int main(int argc, char** argv) {
       installs.push_back(Measure(seeded, top / "work", install, false, options, at + ", install"));
       std::fprintf(stderr, "%s: uninstall...\n", at.c_str());
       uninstalls.push_back(Measure(seeded, top / "work", uninstall, true, options, at + ", uninstall"));
-      std::printf("%s: floor and plug-in left the same result file, rows, backup, terminations and log line count%s\n",
-                  at.c_str(), options.hardened.empty() ? "" : "; the hardened build the same but for the log");
+      std::printf(
+          "%s: floor and plug-in left the same result file, rows, backup, terminations and log line "
+          "count%s\n",
+          at.c_str(), options.hardened.empty() ? "" : "; the hardened build the same but for the log");
       if (!options.keep) fs::remove_all(seeded.root);
     }
   } catch (const std::exception& error) {
@@ -610,7 +662,8 @@ int main(int argc, char** argv) {
   PrintTable("Uninstall", options.counts, uninstalls, options.instructions);
   if (!options.hardened.empty()) PrintHardened(options.counts, installs, hardened, options.instructions);
   if (options.instructions) {
-    for (size_t i = 0; i < options.counts.size(); ++i) PrintBreakdown(options.counts[i], installs[i][0].profile);
+    for (size_t i = 0; i < options.counts.size(); ++i)
+      PrintBreakdown(options.counts[i], installs[i][0].profile);
   }
   if (options.keep) {
     std::fprintf(stderr, "devices kept under %s\n", top.c_str());
