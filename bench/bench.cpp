@@ -151,8 +151,13 @@ Usage Run(const Device& device, const std::vector<std::string>& args,
   return {seconds(usage.ru_utime) + seconds(usage.ru_stime), wall.count()};
 }
 
-// The fsync and fdatasync calls of one run, counted by the preloaded counter (count_syncs.c).
-long Syncs(const Device& device, const std::vector<std::string>& args, const fs::path& countFile) {
+struct SyncCount {
+  long calls = -1;
+  double seconds = 0;  // spent inside the calls, waiting for the disk
+};
+
+// The fsync and fdatasync calls of one run, counted and timed by the preloaded counter (count_syncs.c).
+SyncCount Syncs(const Device& device, const std::vector<std::string>& args, const fs::path& countFile) {
   fs::remove(countFile);
   // A program built with AddressSanitizer refuses a preloaded library ahead of its runtime; the counter
   // defines nothing that the runtime intercepts.
@@ -160,8 +165,12 @@ long Syncs(const Device& device, const std::vector<std::string>& args, const fs:
       {"LD_PRELOAD=" BENCH_SYNC_COUNTER, "BENCH_SYNC_COUNT_FILE=" + countFile.string(),
        "ASAN_OPTIONS=verify_asan_link_order=0"});
   std::ifstream in(countFile);
-  long count = -1;
-  if (!(in >> count)) throw std::runtime_error("the sync counter left no count for " + args.front());
+  SyncCount count;
+  unsigned long long nanoseconds = 0;
+  if (!(in >> count.calls >> nanoseconds)) {
+    throw std::runtime_error("the sync counter left no count for " + args.front());
+  }
+  count.seconds = nanoseconds / 1e9;
   return count;
 }
 
@@ -368,9 +377,10 @@ struct Variant {
 };
 
 struct Figures {
-  double cpu = 0;   // seconds, median
-  double wall = 0;  // seconds, median
-  long syncs = 0;   // fsync and fdatasync calls
+  double cpu = 0;       // seconds, median
+  double wall = 0;      // seconds, median
+  long syncs = 0;       // fsync and fdatasync calls
+  double syncTime = 0;  // seconds inside them, median
   Profile profile;
 };
 
@@ -457,10 +467,21 @@ std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const s
   for (size_t v = 0; v < variants.size(); ++v) {
     figures[v].cpu = Median(cpu[v]);
     figures[v].wall = Median(wall[v]);
-    {
+    // As many counted runs as timed ones: the count must not change, the time inside the calls is the
+    // median.
+    std::vector<double> syncTimes;
+    for (int run = 0; run < options.runs; ++run) {
       const Device device = prepare();
-      figures[v].syncs = Syncs(device, variants[v].args(device), work.string() + ".syncs");
+      const SyncCount count = Syncs(device, variants[v].args(device), work.string() + ".syncs");
+      if (run > 0 && count.calls != figures[v].syncs) {
+        throw std::runtime_error(what + ": " + variants[v].name + " made " +
+                                 std::to_string(figures[v].syncs) + " syncs in one run and " +
+                                 std::to_string(count.calls) + " in another");
+      }
+      figures[v].syncs = count.calls;
+      syncTimes.push_back(count.seconds);
     }
+    figures[v].syncTime = Median(syncTimes);
     if (options.instructions) {
       const Device device = prepare();
       figures[v].profile = Instructions(device, variants[v].args(device), work.string() + ".callgrind");
@@ -513,11 +534,12 @@ void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector
                    size_t hardened, bool instructions) {
   std::printf(
       "\nInstall, hardened / default build: instructions (millions), CPU and wall ms (median), "
-      "fsync + fdatasync calls\n\n| N |");
+      "fsync + fdatasync calls and ms inside them (median)\n\n| N |");
   if (instructions) std::printf(" Ir default | Ir hardened | hardened / default |");
   std::printf(
       " CPU default | CPU hardened | hardened / default | wall default | wall hardened | hardened / default |"
-      " syncs default | syncs hardened |\n|---|%s---|---|---|---|---|---|---|---|\n",
+      " syncs default | syncs hardened | sync ms default | sync ms hardened |\n"
+      "|---|%s---|---|---|---|---|---|---|---|---|---|\n",
       instructions ? "---|---|---|" : "");
   for (size_t i = 0; i < counts.size(); ++i) {
     const Figures& base = rows[i][0];
@@ -527,9 +549,10 @@ void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector
       const unsigned long long b = base.profile.total, h = other.profile.total;
       std::printf(" %s | %s | %s |", Millions(b).c_str(), Millions(h).c_str(), Ratio(h, b).c_str());
     }
-    std::printf(" %s | %s | %s | %s | %s | %s | %ld | %ld |\n", Millis(base.cpu).c_str(),
+    std::printf(" %s | %s | %s | %s | %s | %s | %ld | %ld | %s | %s |\n", Millis(base.cpu).c_str(),
                 Millis(other.cpu).c_str(), Ratio(other.cpu, base.cpu).c_str(), Millis(base.wall).c_str(),
-                Millis(other.wall).c_str(), Ratio(other.wall, base.wall).c_str(), base.syncs, other.syncs);
+                Millis(other.wall).c_str(), Ratio(other.wall, base.wall).c_str(), base.syncs, other.syncs,
+                Millis(base.syncTime).c_str(), Millis(other.syncTime).c_str());
   }
 }
 
