@@ -201,20 +201,22 @@ void Exec(sqlite3* db, const std::string& sql) {
   }
 }
 
-// The plug-in creates its database (an uninstall of an unknown package does, on a fresh device); the
-// N records are then added as the plug-in would have stored them, and the backup made equal.
+// The plug-in creates its database (an uninstall of an unknown package does, on a fresh device) before any
+// package is placed: a build that rebuilds lost records from the installed packages finds none, and
+// every build starts from the same empty tables. The N records are then added as the plug-in would have
+// stored them, and the backup made equal.
 Device Seed(const fs::path& root, int count) {
   Device device{root};
   fs::remove_all(root);
   device.Paths().Create();
   WriteFile(device.Paths().ForegroundFile(), "TvHome0001.Main\n");
+  Run(device, PluginCall("uninstall", "com.korvane.tv.pepper.none", ""));
   auto place = [&](const std::string& pkgid, const std::string& appList) {
     WriteFile(device.Paths().Manifest(pkgid, false), Manifest(pkgid, appList));
     fs::create_directories(device.RwApp() / pkgid / "shared" / "res");
   };
   for (int i = 1; i <= count; ++i) place(PackageOf(i), AppListOf(i));
   place(kNewPackage, kNewAppList);
-  Run(device, PluginCall("uninstall", "com.korvane.tv.pepper.none", ""));
 
   sqlite3* raw = nullptr;
   sqlite3_open_v2(device.Db().c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
