@@ -77,8 +77,8 @@ struct _PluginData {
 typedef std::map<std::string, _PluginData> PluginDataMap;
 
 // ---------------------------------------------------------------------------------------------------
-// Constants. Ids 28 and 24 have no fallback: without them the device is not a Tizen device, and the
-// loader's failure to build these strings is the right outcome.
+// Constants. TZ_SYS_RO_APP and TZ_SYS_DB have no fallback: without them the device is not a Tizen device,
+// and the loader's failure to build these strings is the right outcome.
 
 inline std::string PluginRwAppDirFromPlatform() {
   const char* dir = tzplatform_getenv(TZ_SYS_RW_APP);

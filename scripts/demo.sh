@@ -25,8 +25,15 @@ done
 
 scripts/install-deps.sh
 
+# The demo installs only what building and running needs; the tests join the build where their libraries
+# are there (scripts/test.sh installs them).
+tests=ON
+for package in libgtest-dev libgmock-dev; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'install ok installed' || tests=OFF
+done
+
 echo "== building the plug-in and pkgsim (build/)"
-cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug >/dev/null
+cmake -S . -B build -DCMAKE_BUILD_TYPE=Debug -DWUP_BUILD_TESTS=$tests >/dev/null
 cmake --build build -j "$(nproc 2>/dev/null || echo 2)" --target pkgsim
 
 exec build/tools/pkgsim/pkgsim "$@" demo

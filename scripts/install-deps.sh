@@ -1,16 +1,30 @@
 #!/usr/bin/env bash
-# Installs with apt-get whatever building, testing and running the project needs and this Debian machine
-# lacks. Nothing is installed when everything is there already.
+# Installs with apt-get what this Debian machine lacks: by default what building and running the plug-in
+# and pkgsim needs (scripts/demo.sh); with --tests also what the whole test suite needs (scripts/test.sh).
+# Nothing is installed when everything is there already.
+#
+#   scripts/install-deps.sh [--tests]
 set -euo pipefail
 
-packages=(
+build_and_run=(
   cmake g++ make pkg-config
   libsqlite3-dev libjsoncpp-dev libglib2.0-dev libxml2-dev
-  libgtest-dev libgmock-dev
-  sqlite3 valgrind
-  rpm
-  clang libclang-rt-14-dev
 )
+tests=(
+  libgtest-dev libgmock-dev  # unit, end-to-end and pkgsim tests
+  valgrind                   # memcheck runs, and the campaign program's client requests
+  rpm git                    # the .spec through rpmbuild, on an archive of the checkout
+  clang libclang-rt-14-dev   # the fuzz targets
+  ccache                     # the device build and the .spec's builds reuse the plain build's objects
+  sqlite3                    # to look into a sandbox device's database
+)
+
+packages=("${build_and_run[@]}")
+case "${1:-}" in
+  --tests) packages+=("${tests[@]}") ;;
+  "") ;;
+  *) echo "usage: $0 [--tests]" >&2; exit 2 ;;
+esac
 
 missing=()
 for package in "${packages[@]}"; do

@@ -133,10 +133,6 @@ TEST_F(PkgsimTest, OperationsAndChecksExplainWhatThePluginDecided) {
       {0, {"--quiet", "install", kPackages + "mediaplayer"}, {": upgrade of the installed 1.2.0\n",
           "  not stored: version 1.2.0 equals the recorded one\n",
           noChange + "  result file: not rewritten\n  terminated: none\n"}},
-      {1, {"--quiet", "check", kPackages + "weather-broken"}, {"  warning: skipped weather.json: Line 6, ",
-          notStored + "no description file of the package describes an extension\n"}},
-      {1, {"--quiet", "check", crafted("kind", "1.0.0", "pepper")},
-          {notStored + "kind \"pepper\" is none of pepperplugin, b2bpepperplugin, xwalkplugin\n"}},
       {1, {"--quiet", "check", crafted("unversioned", "", "pepperplugin")}, {"  the package has no version: "
           "the plug-in never stores it\n", notStored + "the package has no version\n"}},
       {1, {"--quiet", "check", crafted("zero", "0.0.0", "pepperplugin")}, {"  version 0.0.0 is what the "

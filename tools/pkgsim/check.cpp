@@ -20,7 +20,7 @@ namespace {
 bool StoredSomething(const std::vector<Call>& calls) {
   for (const Call& call : calls) {
     for (const LogEntry& entry : call.log) {
-      if (entry.StartsWith("insert new data:")) return true;
+      if (entry.Says(LogText::kInserted)) return true;
     }
   }
   return false;

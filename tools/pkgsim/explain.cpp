@@ -32,28 +32,35 @@ std::string OneLine(const std::string& text) {
   return joined;
 }
 
-// The text after `marker` up to the closing bracket that ends the message.
-std::string Bracketed(const LogEntry& entry, const std::string& marker) {
-  const std::size_t at = entry.message.find(marker);
-  if (at == std::string::npos) return "";
-  std::string text = entry.message.substr(at + marker.size());
-  if (!text.empty() && text.back() == ']') text.pop_back();
-  return text;
-}
-
 std::string AppName(const std::string& appid) {
   return appid.empty() ? "\"\" (an empty id, from a stray comma in an allow-list)" : appid;
 }
 
-// Why the plug-in's validity check found a database file bad, from the texts of that check.
+// Why the plug-in's validity check found a database file bad, from the texts of that check. Its verdict
+// line comes last and names a failed integrity check or, when that passed, missing tables.
 std::string ValidityFailure(const LogEntry& entry) {
-  if (entry.EndsWith(" is not exist")) return "missing";
-  if (entry.EndsWith("'s size is 0")) return "an empty file";
-  if (entry.StartsWith("Failed to open database")) return "cannot be opened";
-  if (entry.message.find("integrity_check") != std::string::npos) return "fails SQLite's integrity check";
-  if (entry.StartsWith("table not exist")) return "its tables cannot be listed";
-  if (entry.StartsWith("valid check failed, integrity_verify[1]")) return "lacks its tables";
-  return "";
+  static const std::pair<LogText, const char*> kReasons[] = {
+      {LogText::kDbMissing, "missing"},
+      {LogText::kDbEmpty, "an empty file"},
+      {LogText::kDbUnopened, "cannot be opened"},
+      {LogText::kDbIntegrity, "fails SQLite's integrity check"},
+      {LogText::kDbTablesUnlisted, "its tables cannot be listed"},
+  };
+  for (const auto& [text, reason] : kReasons) {
+    if (entry.Says(text)) return reason;
+  }
+  if (!entry.Says(LogText::kDbInvalid)) return "";
+  return entry.Between(LogText::kDbInvalid, LogText::kDbInvalidTables) == "1"
+             ? "lacks its tables"
+             : "fails SQLite's integrity check";
+}
+
+// The plug-in's entry points log only what they were handed; any other function's line is the handler's.
+bool FromEntryPoint(const LogEntry& entry) {
+  for (const Operation operation : {Operation::kInstall, Operation::kUpgrade, Operation::kUninstall}) {
+    if (entry.function == EntryPointName(operation)) return true;
+  }
+  return false;
 }
 
 class Explainer {
@@ -63,8 +70,8 @@ class Explainer {
   std::vector<Note> Notes() {
     DatabaseNotes();
     for (const LogEntry& entry : call_.log) {
-      if (entry.function != "GetXwalkInfo" && entry.function != "m_ParseXwalkJsonFile") FlushFiles();
-      if (entry.file != "plugin_parser_interface.cpp" && !entry.file.empty()) handled_ = true;
+      if (!entry.From(LogText::kWalkFile) && !entry.From(LogText::kFileError)) FlushFiles();
+      if (!entry.function.empty() && !FromEntryPoint(entry)) handled_ = true;
       Decision(entry);
       Publication(entry);
     }
@@ -127,59 +134,57 @@ class Explainer {
 
   // The handler's and the package queries' lines, in the order the plug-in decides.
   void Decision(const LogEntry& entry) {
-    if (entry.EndsWith("> metadata") && entry.Between("NO <", ">") == kTypeKey) {
+    using T = LogText;
+    if (entry.Says(T::kNoMetadataEnd) && entry.Between(T::kNoMetadata, T::kNoMetadataEnd) == kTypeKey) {
       typeKeyMissing_ = true;
-    } else if (entry.Between("]key:[", "]value:[") == kTypeKey) {
-      typeValue_ = Bracketed(entry, "]value:[");
-    } else if (entry.Is("get plugin type fail!")) {
+    } else if (entry.Between(T::kMetadataKey, T::kMetadataValue) == kTypeKey) {
+      typeValue_ = entry.After(T::kMetadataValue);
+    } else if (entry.Says(T::kTypeFailed)) {
       Refuse(TypeFailure());
-    } else if (entry.EndsWith("]") && entry.message.find("] type is [") != std::string::npos) {
-      const std::string type = entry.Between("] type is [", "]");
+    } else if (entry.Says(T::kTypeIs)) {
+      const std::string type = entry.After(T::kTypeIs);
       if (type == "99")
         Refuse("kind \"" + typeValue_ + "\" is none of pepperplugin, b2bpepperplugin, xwalkplugin");
       kind_ = KindName(type);
-    } else if (entry.StartsWith("invalid pkgid")) {
+    } else if (entry.Says(T::kInvalidPkgid)) {
       Refuse("the package id has neither \"pepper.\" nor \"xwalk.\" in it, so it names no plug-in");
-    } else if (entry.Is("get plugin name fail")) {
+    } else if (entry.Says(T::kNameFailed)) {
       Refuse("nothing follows \"pepper.\" or \"xwalk.\" in the package id: the plug-in name would be empty");
-    } else if (entry.StartsWith("pluginName[")) {
-      name_ = Bracketed(entry, "pluginName[");
+    } else if (entry.Says(T::kPluginName)) {
+      name_ = entry.After(T::kPluginName);
       packageFiles_ = true;
       if (call_.operation != Operation::kUninstall) {
         Add(Note::kInfo, "kind " + kind_ + " (\"" + typeValue_ + "\"), plug-in name " + name_);
       }
-    } else if (entry.StartsWith("get [") &&
-               (entry.EndsWith("info fail!!") || entry.EndsWith("version fail!!"))) {
+    } else if (entry.Says(T::kVersionUnread)) {
       Add(Note::kWarning, "the package's version cannot be read: the plug-in goes on with 0.0.0");
-    } else if (entry.Is("empty params")) {
+    } else if (entry.Says(T::kEmptyParams)) {
       Refuse("the package has no version");
-    } else if (entry.StartsWith("tpkVersion[")) {
-      tpkVersion_ = entry.Between("tpkVersion[", "]");
-      localVersion_ = entry.Between("localVersion[", "]");
-    } else if (entry.Is("tpkVersion == localVersion")) {
+    } else if (entry.Says(T::kTpkVersion)) {
+      tpkVersion_ = entry.Between(T::kTpkVersion, T::kLocalVersion);
+      localVersion_ = entry.After(T::kLocalVersion);
+    } else if (entry.Says(T::kSameVersion)) {
       Refuse(tpkVersion_ == "0.0.0" && call_.before.rows.count(name_) == 0
                  ? "version " + tpkVersion_ + " is what the plug-in assumes for a plug-in it has no record of"
                  : "version " + tpkVersion_ + " equals the recorded one");
-    } else if (entry.message.find("]'s root path:[") != std::string::npos) {
-      rootPath_ = Bracketed(entry, "]'s root path:[");
-    } else if (entry.Is("INSTALLED_ONLY_RO!") || entry.Is("INSTALLED_ONLY_RW!") ||
-               entry.Is("INSTALLED_BOTH_RO_RW!")) {
-      const std::string code = entry.Is("INSTALLED_ONLY_RO!")   ? "0"
-                               : entry.Is("INSTALLED_ONLY_RW!") ? "1"
-                                                                : "2";
+    } else if (entry.Says(T::kRootPath)) {
+      rootPath_ = entry.After(T::kRootPath);
+    } else if (entry.Says(T::kInstalledRo) || entry.Says(T::kInstalledRw) || entry.Says(T::kInstalledBoth)) {
+      const std::string code = entry.Says(T::kInstalledRo) ? "0" : entry.Says(T::kInstalledRw) ? "1" : "2";
       Add(Note::kInfo, "installed in the " + LocationName(code) + ": " + rootPath_);
     } else if (packageFiles_) {
       DescriptionFiles(entry);
     }
-    if (entry.StartsWith("insert new data:name[")) {
-      inserted_.push_back(entry.Between("name[", "]version["));
-    } else if (entry.Is("insert into pluginTable fail!!") && !inserted_.empty()) {
+    if (entry.Says(T::kInserted)) {
+      inserted_.push_back(entry.Between(T::kInserted, T::kInsertedVersion));
+    } else if (entry.Says(T::kInsertFailed) && !inserted_.empty()) {
       Add(Note::kWarning, "storing " + inserted_.back() + " failed: the database refused it");
-    } else if (entry.Is("Get the inserted list fail")) {
+      inserted_.pop_back();  // not stored after all
+    } else if (entry.Says(T::kInsertedListFailed)) {
       Refuse("the records cannot be built: the package's root path is unknown");
-    } else if (entry.StartsWith("check[") && entry.EndsWith("]fail")) {
+    } else if (entry.Says(T::kCheckFailed)) {
       Refuse("the plug-in's check of the package failed");
-    } else if (entry.Is("remove DB record fail")) {
+    } else if (entry.Says(T::kRemoveFailed)) {
       Refuse("the database refused the deletion");
     }
   }
@@ -199,27 +204,21 @@ class Explainer {
   }
 
   void DescriptionFiles(const LogEntry& entry) {
-    if (entry.StartsWith("GetXwalkInfo,path = ")) {
-      resourceDir_ = entry.message.substr(20);
-    } else if (entry.StartsWith("strFile = ")) {
-      std::string file = entry.message.substr(10);
+    using T = LogText;
+    if (entry.Says(T::kWalkPath)) {
+      resourceDir_ = entry.After(T::kWalkPath);
+    } else if (entry.Says(T::kWalkFile)) {
+      std::string file = entry.After(T::kWalkFile);
       if (file.compare(0, resourceDir_.size(), resourceDir_) == 0) file = file.substr(resourceDir_.size());
       files_.push_back({file, ""});
-    } else if (entry.function == "m_ParseXwalkJsonFile" && !files_.empty()) {
-      if (entry.StartsWith("open ") && entry.EndsWith(" fail")) files_.back().second = "it cannot be opened";
-      if (!entry.StartsWith("file:[")) return;
-      if (entry.message.find("],err:[") != std::string::npos) {
-        files_.back().second = OneLine(Bracketed(entry, "],err:["));
-        return;
-      }
-      // A file the parser read but the plug-in could not use, whole or in part.
-      const std::string reason = entry.message.substr(entry.message.find("] ") + 2);
-      if (reason.compare(0, 8, "element ") == 0) {
-        Add(Note::kWarning, files_.back().first + ": " + reason);
-      } else {
-        files_.back().second = reason;
-      }
-    } else if (entry.StartsWith("get xwalk extension info fail")) {
+    } else if (entry.From(T::kFileError) && !files_.empty()) {
+      // A file the parser could not read, or one it read but the plug-in could not use, whole or in part.
+      if (entry.Says(T::kFileUnopened)) files_.back().second = "it cannot be opened";
+      if (entry.Says(T::kFileError)) files_.back().second = OneLine(entry.After(T::kFileError));
+      if (entry.Says(T::kFileNotArray)) files_.back().second = "it holds no array of extensions";
+      if (entry.Says(T::kFileBadElement))
+        Add(Note::kWarning, files_.back().first + ": element " + entry.After(T::kFileBadElement));
+    } else if (entry.Says(T::kXwalkInfoFailed)) {
       Refuse("the package's shared/res/ directory cannot be read");
     }
   }
@@ -283,33 +282,32 @@ class Explainer {
 
   // The rebuild of the result file and the guard's decisions for each allow-listed application.
   void Publication(const LogEntry& entry) {
-    if (entry.EndsWith("]app whitelist empty OR Only RO TPK,ignore its applist value!")) {
-      const std::string name = entry.Between("[", "]app whitelist");
+    using T = LogText;
+    if (entry.Says(T::kAllowListUnused)) {
+      const std::string name = entry.Before(T::kAllowListUnused);
       const auto row = call_.after.rows.find(name);
       if (row != call_.after.rows.end() && row->second[kPkgid] == pkgid_) {
         Add(Note::kInfo,
             "allow-list of " + name + " not used: " +
                 (row->second[kLocation] == "0" ? "it is in the read-only image only" : "it is empty"));
       }
-    } else if (entry.StartsWith("pluginname:[")) {
-      App& app = AppNamed(Bracketed(entry, "]tizenid:["));
-      const std::string plugin = entry.Between("pluginname:[", "]tizenid:[");
+    } else if (entry.Says(T::kPublished)) {
+      App& app = AppNamed(entry.After(T::kPublishedApp));
+      const std::string plugin = entry.Between(T::kPublished, T::kPublishedApp);
       if (std::find(app.allowedBy.begin(), app.allowedBy.end(), plugin) == app.allowedBy.end()) {
         app.allowedBy.push_back(plugin);
       }
       current_ = static_cast<std::size_t>(&app - apps_.data());
-    } else if (entry.Is("vex_get_current_showing_app failed") || entry.Is("vex_get_app_info failed")) {
-      if (current_ < apps_.size()) ++apps_[current_].unknown;
-    } else if (entry.EndsWith(" is at foreground")) {
-      if (current_ < apps_.size()) ++apps_[current_].foreground;
-    } else if (entry.StartsWith("vex_terminate_app [")) {
-      if (current_ < apps_.size())
-        ++(entry.EndsWith("] success") ? apps_[current_].terminated : apps_[current_].failed);
-    } else if (entry.Is("update fail!clear DB for next boot")) {
+    } else if (current_ < apps_.size()) {
+      App& app = apps_[current_];
+      if (entry.Says(T::kForegroundUnknown)) ++app.unknown;
+      if (entry.Says(T::kForeground)) ++app.foreground;
+      if (entry.Says(T::kTerminated)) ++app.terminated;
+      if (entry.Says(T::kTerminateFailed)) ++app.failed;
+    }
+    if (entry.Says(T::kClearedDb)) {
       clearedDb_ = true;
-    } else if (entry.file == "WebapisUtil.cpp" && writeFailure_.empty() &&
-               (entry.message.find("fail") != std::string::npos ||
-                entry.message.find("security risk") != std::string::npos)) {
+    } else if (entry.Says(T::kResultFailed) && writeFailure_.empty()) {
       writeFailure_ = entry.message;
     }
   }
@@ -390,19 +388,18 @@ std::vector<DatabaseEvent> DatabaseEvents(const Log& log) {
     busy = false;
   };
   for (const LogEntry& entry : log) {
-    if (entry.StartsWith("database is lock now") || entry.StartsWith("sqlite3 busy")) {
+    if (entry.Says(LogText::kBusy)) {
       busy = true;
-    } else if (entry.Is("db valid check pass")) {
+    } else if (entry.Says(LogText::kDbPassed)) {
       found(DatabaseEvent::kPassed);
-    } else if (entry.Is("db and backup db are not valid, now create db")) {
+    } else if (entry.Says(LogText::kDbCreated)) {
       found(DatabaseEvent::kCreated);
-    } else if (entry.StartsWith(".AppBinaryManager.db is broken!")) {
+    } else if (entry.Says(LogText::kStatementRecovered)) {
       found(DatabaseEvent::kRecoveredStatement);
-    } else if (entry.function == "m_versionCpBakUp" && entry.StartsWith("Backup versionDB.") &&
-               !reason.empty()) {
+    } else if (entry.Says(LogText::kBackupCopy) && !reason.empty()) {
       // The copy follows a failed check only when the backup replaces the main file.
       found(DatabaseEvent::kRestored);
-    } else if (entry.StartsWith("The copy Size is [") && entry.EndsWith("invalid!")) {
+    } else if (entry.Says(LogText::kCopyTruncated)) {
       found(DatabaseEvent::kTruncatedCopy);
     } else if (reason.empty()) {
       reason = ValidityFailure(entry);

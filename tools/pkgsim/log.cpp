@@ -1,6 +1,7 @@
 #include "log.h"
 
 #include <cctype>
+#include <cstring>
 #include <fstream>
 
 namespace pkgsim {
@@ -35,12 +36,150 @@ void SplitMessage(const std::string& text, LogEntry& entry) {
 
 }  // namespace
 
-std::string LogEntry::Between(const std::string& before, const std::string& after) const {
-  const std::size_t start = message.find(before);
-  if (start == std::string::npos) return "";
-  const std::size_t from = start + before.size();
-  const std::size_t end = message.find(after, from);
-  return message.substr(from, end == std::string::npos ? std::string::npos : end - from);
+const std::vector<LogPattern>& LogPatterns() {
+  using T = LogText;
+  using P = LogPattern;
+  static const std::vector<LogPattern> patterns = {
+      // clang-format off
+      {T::kBusy, "callback_db", P::kStart, "database is lock now"},
+      {T::kBusy, "m_validCheck", P::kStart, "sqlite3 busy"},
+      {T::kDbPassed, "m_openDBCheck", P::kWhole, "db valid check pass"},
+      {T::kDbCreated, "m_openDBCheck", P::kWhole, "db and backup db are not valid, now create db"},
+      {T::kDbMissing, "m_validCheck", P::kEnd, " is not exist"},
+      {T::kDbEmpty, "m_validCheck", P::kEnd, "'s size is 0"},
+      {T::kDbUnopened, "m_validCheck", P::kStart, "Failed to open database ["},
+      {T::kDbIntegrity, "m_validCheck", P::kWithin, ", PRAGMA integrity_check error: ["},
+      {T::kDbIntegrity, "m_validCheck", P::kStart, "database integrity_check failed"},
+      {T::kDbTablesUnlisted, "m_validCheck", P::kStart, "table not exist"},
+      {T::kDbInvalid, "m_validCheck", P::kStart, "valid check failed, integrity_verify["},
+      {T::kDbInvalidTables, "m_validCheck", P::kWithin, "], version table check["},
+      {T::kBackupCopy, "m_versionCpBakUp", P::kWhole, "Backup versionDB."},
+      {T::kCopyTruncated, "m_versionCpBakUp", P::kEnd, "], invalid!"},
+      {T::kStatementRecovered, "m_getPluginDataFromPluginTable", P::kStart,
+       ".AppBinaryManager.db is broken!"},
+      {T::kStatementRecovered, "m_recoverDBExecute", P::kStart,
+       ".AppBinaryManager.db is broken!"},
+
+      {T::kNoMetadata, "m_CheckTPKByMetadata", P::kWithin, "] NO <"},
+      {T::kNoMetadataEnd, "m_CheckTPKByMetadata", P::kEnd, "> metadata"},
+      {T::kMetadataKey, "m_CheckTPKByMetadata", P::kWithin, "]key:["},
+      {T::kMetadataValue, "m_CheckTPKByMetadata", P::kWithin, "]value:["},
+      {T::kTypeFailed, "GetPluginType", P::kWhole, "get plugin type fail!"},
+      {T::kTypeIs, "GetPluginType", P::kWithin, "] type is ["},
+      {T::kInvalidPkgid, "GetPluginNameByID", P::kStart, "invalid pkgid"},
+      {T::kNameFailed, "GetPluginNameByID", P::kWhole, "get plugin name fail"},
+      {T::kPluginName, "GetPluginNameByID", P::kStart, "pluginName["},
+      {T::kVersionUnread, "GetTPKVersionByID", P::kEnd, "] info fail!!"},
+      {T::kVersionUnread, "GetTPKVersionByID", P::kEnd, "] version fail!!"},
+      {T::kEmptyParams, "m_checkTpk", P::kWhole, "empty params"},
+      {T::kTpkVersion, "m_checkTpk", P::kStart, "tpkVersion["},
+      {T::kLocalVersion, "m_checkTpk", P::kWithin, "], localVersion["},
+      {T::kSameVersion, "m_checkTpk", P::kWhole, "tpkVersion == localVersion"},
+      {T::kRootPath, "m_GetRootPath", P::kWithin, "]'s root path:["},
+      {T::kInstalledRo, "MakeInsertedMap", P::kWhole, "INSTALLED_ONLY_RO!"},
+      {T::kInstalledRw, "MakeInsertedMap", P::kWhole, "INSTALLED_ONLY_RW!"},
+      {T::kInstalledBoth, "MakeInsertedMap", P::kWhole, "INSTALLED_BOTH_RO_RW!"},
+      {T::kWalkPath, "GetXwalkInfo", P::kStart, "GetXwalkInfo,path = "},
+      {T::kWalkFile, "GetXwalkInfo", P::kStart, "strFile = "},
+      {T::kFileUnopened, "m_ParseXwalkJsonFile", P::kStart, "open "},
+      {T::kFileError, "m_ParseXwalkJsonFile", P::kWithin, "],err:["},
+      {T::kFileNotArray, "m_ParseXwalkJsonFile", P::kEnd, "] holds no array of extensions, skipped"},
+      {T::kFileBadElement, "m_ParseXwalkJsonFile", P::kWithin, "] element "},
+      {T::kXwalkInfoFailed, "MakeInsertedMap", P::kStart, "get xwalk extension info fail"},
+      {T::kInsertedListFailed, "m_checkTpk", P::kWhole, "Get the inserted list fail"},
+      {T::kInserted, "m_checkTpk", P::kStart, "insert new data:name["},
+      {T::kInsertedVersion, "m_checkTpk", P::kWithin, "]version["},
+      {T::kInsertFailed, "InsertPluginData", P::kWhole, "insert into pluginTable fail!!"},
+      {T::kCheckFailed, "HandleSingleTpk", P::kEnd, "]fail"},
+      {T::kRemoveFailed, "RemoveTpk", P::kWhole, "remove DB record fail"},
+
+      {T::kAllowListUnused, "MakeUpgradeWebapiJson", P::kEnd,
+       "]app whitelist empty OR Only RO TPK,ignore its applist value!"},
+      {T::kPublished, "MakeUpgradeWebapiJson", P::kStart, "pluginname:["},
+      {T::kPublishedApp, "MakeUpgradeWebapiJson", P::kWithin, "]tizenid:["},
+      {T::kForegroundUnknown, "m_TerminateBGApp", P::kWhole, "vex_get_current_showing_app failed"},
+      {T::kForegroundUnknown, "m_TerminateBGApp", P::kWhole, "vex_get_app_info failed"},
+      {T::kForeground, "m_TerminateBGApp", P::kEnd, " is at foreground"},
+      {T::kTerminated, "m_TerminateBGApp", P::kEnd, "] success"},
+      {T::kTerminateFailed, "m_TerminateBGApp", P::kEnd, "] fail"},
+      {T::kResultFailed, "m_WriteUpgradeWebapiToLocal", P::kEnd, "] fail!"},  // opening or writing
+      {T::kResultFailed, "m_RenameFile", P::kStart, "rename["},
+      {T::kResultFailed, "m_CreateDirectory", P::kWithin, "] failed to create!"},
+      {T::kResultFailed, "m_IsFileSymbolLink", P::kEnd, "] fail"},  // lstat
+      {T::kResultFailed, "m_IsFileSymbolLink", P::kEnd, "there's security risk!"},
+      {T::kClearedDb, "m_RewriteJson", P::kWhole, "update fail!clear DB for next boot"},
+      // clang-format on
+  };
+  return patterns;
+}
+
+bool LogPattern::Fits(const std::string& line) const {
+  const std::size_t length = std::strlen(text);
+  switch (where) {
+    case kWhole:
+      return line == text;
+    case kStart:
+      return line.compare(0, length, text) == 0;
+    case kEnd:
+      return line.size() >= length && line.compare(line.size() - length, length, text) == 0;
+    case kWithin:
+      return line.find(text) != std::string::npos;
+  }
+  return false;
+}
+
+const LogPattern* LogEntry::Match(LogText id) const {
+  for (const LogPattern& pattern : LogPatterns()) {
+    if (pattern.id != id || (*pattern.function != '\0' && function != pattern.function)) continue;
+    if (pattern.Fits(message)) return &pattern;
+  }
+  return nullptr;
+}
+
+bool LogEntry::Says(LogText text) const { return Match(text) != nullptr; }
+
+bool LogEntry::From(LogText text) const {
+  for (const LogPattern& pattern : LogPatterns()) {
+    if (pattern.id == text) return function == pattern.function;
+  }
+  return false;
+}
+
+std::size_t LogEntry::Position(const LogPattern& pattern) const {
+  switch (pattern.where) {
+    case LogPattern::kWithin:
+      return message.find(pattern.text);
+    case LogPattern::kEnd:
+      return message.size() - std::strlen(pattern.text);
+    default:
+      return 0;
+  }
+}
+
+std::string LogEntry::After(LogText text) const {
+  const LogPattern* mark = Match(text);
+  if (mark == nullptr) return "";
+  const std::size_t length = std::strlen(mark->text);
+  std::string field = message.substr(Position(*mark) + length);
+  if (mark->text[length - 1] == '[' && !field.empty() && field.back() == ']') field.pop_back();
+  return field;
+}
+
+std::string LogEntry::Before(LogText text) const {
+  const LogPattern* mark = Match(text);
+  if (mark == nullptr) return "";
+  std::string field = message.substr(0, Position(*mark));
+  if (mark->text[0] == ']' && !field.empty() && field.front() == '[') field.erase(0, 1);
+  return field;
+}
+
+std::string LogEntry::Between(LogText open, LogText close) const {
+  const LogPattern* start = Match(open);
+  const LogPattern* end = Match(close);
+  if (start == nullptr || end == nullptr) return "";
+  const std::size_t from = Position(*start) + std::strlen(start->text);
+  const std::size_t to = message.find(end->text, from);
+  return message.substr(from, to == std::string::npos ? std::string::npos : to - from);
 }
 
 Log ReadLog(const std::string& path, off_t offset, int pid) {

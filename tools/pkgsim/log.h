@@ -12,6 +12,83 @@
 
 namespace pkgsim {
 
+// The plug-in's messages that pkgsim reads, and the marks inside them that its fields sit between.
+enum class LogText {
+  // its database
+  kBusy,
+  kDbPassed,
+  kDbCreated,
+  kDbMissing,
+  kDbEmpty,
+  kDbUnopened,
+  kDbIntegrity,
+  kDbTablesUnlisted,
+  kDbInvalid,
+  kDbInvalidTables,  // ends the integrity verdict of kDbInvalid
+  kBackupCopy,
+  kCopyTruncated,
+  kStatementRecovered,
+  // the package and the handler's decision
+  kNoMetadata,
+  kNoMetadataEnd,
+  kMetadataKey,
+  kMetadataValue,
+  kTypeFailed,
+  kTypeIs,
+  kInvalidPkgid,
+  kNameFailed,
+  kPluginName,
+  kVersionUnread,
+  kEmptyParams,
+  kTpkVersion,
+  kLocalVersion,
+  kSameVersion,
+  kRootPath,
+  kInstalledRo,
+  kInstalledRw,
+  kInstalledBoth,
+  kWalkPath,
+  kWalkFile,
+  kFileUnopened,
+  kFileError,
+  kFileNotArray,
+  kFileBadElement,
+  kXwalkInfoFailed,
+  kInsertedListFailed,
+  kInserted,
+  kInsertedVersion,
+  kInsertFailed,
+  kCheckFailed,
+  kRemoveFailed,
+  // the result file and the applications it names
+  kAllowListUnused,
+  kPublished,
+  kPublishedApp,
+  kForegroundUnknown,
+  kForeground,
+  kTerminated,
+  kTerminateFailed,
+  kResultFailed,
+  kClearedDb,
+};
+
+// One of them: a literal part of the format string that the plug-in logs it with, where in the message
+// that part stands, and the function that logs it (the function named by the line's prefix). A text
+// that several functions log has an entry for each; one that is the same in all of them names none.
+struct LogPattern {
+  enum Where { kWhole, kStart, kEnd, kWithin };
+  LogText id;
+  const char* function;  // "" for any
+  Where where;
+  const char* text;
+
+  // The text stands where the pattern says in `line` (a message, or a format string of the plug-in).
+  bool Fits(const std::string& line) const;
+};
+
+// Every text that pkgsim reads in the plug-in's log; nothing else in pkgsim knows one.
+const std::vector<LogPattern>& LogPatterns();
+
 struct LogEntry {
   int pid = 0;
   std::string file;  // the plug-in's source file, function and line, when the message carries them
@@ -19,14 +96,21 @@ struct LogEntry {
   std::string message;  // what follows "FILE: FUNCTION(LINE) > ", continuation lines joined by '\n'
   std::vector<std::string> lines;  // the entry as written, first line included
 
-  bool Is(const char* text) const { return message == text; }
-  bool StartsWith(const std::string& text) const { return message.compare(0, text.size(), text) == 0; }
-  bool EndsWith(const std::string& text) const {
-    return message.size() >= text.size() &&
-           message.compare(message.size() - text.size(), text.size(), text) == 0;
-  }
-  // The text between `before` and the next `after` in the message, or "" when `before` is not in it.
-  std::string Between(const std::string& before, const std::string& after) const;
+  // The entry is `text`, from a function that logs it.
+  bool Says(LogText text) const;
+  // The entry comes from the function that logs `text`.
+  bool From(LogText text) const;
+  // The field after the mark `text` up to the end of the message, without the ']' that closes it when
+  // the mark ends with '['; "" when the mark is not in the message.
+  std::string After(LogText text) const;
+  // The field before the mark `text`, without the '[' that opens it when the mark starts with ']'.
+  std::string Before(LogText text) const;
+  // The field between the marks `open` and `close`.
+  std::string Between(LogText open, LogText close) const;
+
+ private:
+  const LogPattern* Match(LogText text) const;  // the entry of the table for `text` that this one fits
+  std::size_t Position(const LogPattern& pattern) const;  // where its text stands in the message
 };
 
 using Log = std::vector<LogEntry>;
