@@ -22,9 +22,13 @@ class DBUtil {
   // Empties `map`, then fills it with every record of the plug-in table.
   bool GetPluginListFromDB(PluginDataMap& map);
   bool InsertPluginDataToDB(_PluginData& record);
+  // All records of one package in one write; sets the update flag when it succeeds.
+  bool InsertPluginDataListToDB(PluginDataMap& records);
   bool RemovePluginDataFromDB(const std::string& name);
   // Empties the plug-in table; the update flag is left as it is.
   bool RemoveAllPluginDataFromDB();
+  // See VersionSqliteDB::TakeRecordsLost.
+  bool TakeRecordsLost();
 
  private:
   VersionSqliteDB* m_db;

@@ -18,6 +18,9 @@ class JsonUtil {
   // Adds `record` to `document`: its plug-in entry by kind, and one application entry per allow-listed
   // application id (terminating each background application on the way).
   static void MakeUpgradeWebapiJson(Json::Value& document, _PluginData& record);
+  // The same document, built without terminating any application: what the result file should read,
+  // for comparing it with the file as it is.
+  static void MakeExpectedWebapiJson(Json::Value& document, _PluginData& record);
   // Replaces `text` with the document as the default StreamWriterBuilder writes it.
   static void ParseJsonToStr(Json::Value& document, std::string& text);
 

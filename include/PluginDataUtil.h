@@ -7,6 +7,7 @@
 #ifndef WEBAPI_UPGRADE_PLUGIN_DATA_UTIL_H_
 #define WEBAPI_UPGRADE_PLUGIN_DATA_UTIL_H_
 
+#include <set>
 #include <string>
 
 #include "PluginCommon.h"
@@ -29,6 +30,10 @@ class PluginDataUtil {
   bool CheckTPKofAppWhiteList(const std::string& id, std::string& list);
   bool CheckTPKForceMetadata(const std::string& id);
   bool GetTPKVersionByID(const std::string& id, std::string& version);
+  // Adds to `pkgids` the package of every installed application that carries metadata `key` (any
+  // value), as the package-information service lists them for this process. Hardened build only: the
+  // default build lists nothing and returns false.
+  bool GetPackagesWithMetadata(const std::string& key, std::set<std::string>& pkgids);
 
   // Reads every "*.json" description file of `directory` (which ends in "/") into `map`, first
   // description of a name winning. True when the directory could be listed.

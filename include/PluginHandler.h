@@ -22,6 +22,11 @@ class PluginHandler {
   // Steps of the operations above, public so that each can be driven on its own.
   bool m_checkTpk(std::string& pkgid, std::string& tpkVersion);
   bool m_RewriteJson();
+  // Hardened build: true unless the result file differs from the document the records give.
+  bool m_ResultMatchesRecords();
+  // Hardened build: once the open check had to start an empty database, stores again every installed
+  // package that carries the plug-in's type key, but `leaving`, the package being uninstalled.
+  void m_RebuildLostRecords(const std::string& leaving);
 
  private:
   PluginDataMap m_pluginMap;

@@ -3,8 +3,10 @@
 // integrity "ok", both tables) and restores it from the backup, or creates it afresh, when it is bad;
 // every write runs in an exclusive transaction and is followed by a fresh backup copy.
 //
-// The object holds no state: no connection outlives one call. Failures are logged and reported as
-// false; a few are reported as success on purpose (a failed COMMIT, a failed backup refresh).
+// No connection outlives one call. The only state is a fact for the hardened build: that the open check
+// had to start an empty database, until the package handler takes it to rebuild the records. Failures are
+// logged and reported as false; a few are reported as success on purpose (a failed COMMIT, a failed backup
+// refresh in the default build).
 #ifndef WEBAPI_UPGRADE_PLUGIN_VERSION_SQLITE_DB_H_
 #define WEBAPI_UPGRADE_PLUGIN_VERSION_SQLITE_DB_H_
 
@@ -24,11 +26,18 @@ class VersionSqliteDB {
 
   // Record operations.
   bool InsertPluginData(_PluginData& record);
+  // Stores every record of `records` in one guarded write: all of them, or none when it fails.
+  bool InsertPluginDataList(PluginDataMap& records);
   bool DeletePluginData(const std::string& name);
+  // Removes every record that package `pkgid` brought.
+  bool DeletePackageData(const std::string& pkgid);
   // With `all` true every row of `table` goes and `name` is ignored.
   bool DeleteDBRecord(const std::string& name, bool all, const std::string& table);
   // Adds every row of the plug-in table to `map`, keeping entries already there.
   bool GetPluginList(PluginDataMap& map);
+  // True once after the open check started an empty database because both files were damaged (hardened
+  // build only; the default build never reports it).
+  bool TakeRecordsLost();
 
   // Steps of the operations above, public so that each can be driven on its own.
   bool m_getPluginDataFromPluginTable(char* sql, PluginDataMap& map);
@@ -40,6 +49,9 @@ class VersionSqliteDB {
   // file and leaves in `db` the connection it opened, if any, which the caller closes.
   bool m_recoverDBExecute(sqlite3*& db, const char* sql);
   bool m_modifyTable(char* sql);
+
+ private:
+  bool m_recordsLost = false;
 };
 
 #endif  // WEBAPI_UPGRADE_PLUGIN_VERSION_SQLITE_DB_H_

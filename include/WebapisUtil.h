@@ -16,6 +16,8 @@ class WebapisUtil {
   // Builds the document from every record of `map`, in key order, and replaces the result file.
   bool SavePluginUpgradeResult(PluginDataMap& map);
   bool CheckUpgradeResultExist();
+  // True when the result file holds exactly the document that `map` gives; terminates nothing.
+  bool CheckUpgradeResultMatches(PluginDataMap& map);
 
   // Steps of the operations above, public so that each can be driven on its own.
   bool m_WriteUpgradeWebapiToLocal(const std::string& path, const std::string& text);

@@ -3,7 +3,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 # Every stage is a function stage_NAME; CI runs them in this order.
-all_stages=(plain device rpmbuild sanitize fuzz memcheck)
+all_stages=(plain hardened device rpmbuild sanitize fuzz memcheck)
 
 usage() {
   cat <<'TEXT'
@@ -18,6 +18,8 @@ runs every test.
 
 The stages:
   plain      the plain build (build/) and all its tests
+  hardened   the hardened build (build-hardened/, -DWUP_HARDENED=ON) and all its tests, the bounded
+             campaigns judging it by its own goals
   device     the device build (-DTIZEN=ON against the stand-ins), installed and checked
   rpmbuild   the .spec through rpmbuild on an archive of the committed HEAD: %prep, %build, %install,
              %check (the unit tests) and %files, the package holding the plug-in and its registration
@@ -50,6 +52,11 @@ build_plain() {
 stage_plain() {
   build_plain
   run_tests build -j "$jobs"
+}
+
+stage_hardened() {
+  build_tree build-hardened -DWUP_HARDENED=ON -DWUP_BUILD_TESTS=ON
+  run_tests build-hardened -j "$jobs"
 }
 
 stage_device() {

@@ -24,6 +24,12 @@ bool DBUtil::InsertPluginDataToDB(_PluginData& record) {
   return inserted;
 }
 
+bool DBUtil::InsertPluginDataListToDB(PluginDataMap& records) {
+  const bool inserted = m_db->InsertPluginDataList(records);
+  if (inserted && !records.empty()) m_isUpdate = true;
+  return inserted;
+}
+
 bool DBUtil::RemovePluginDataFromDB(const std::string& name) {
   const bool removed = m_db->DeletePluginData(name);
   if (removed) m_isUpdate = true;
@@ -32,3 +38,5 @@ bool DBUtil::RemovePluginDataFromDB(const std::string& name) {
 
 // Emptying the table ahead of a rewrite is not a change that calls for one.
 bool DBUtil::RemoveAllPluginDataFromDB() { return m_db->DeleteDBRecord("", true, strPLUGIN_TABLE); }
+
+bool DBUtil::TakeRecordsLost() { return m_db->TakeRecordsLost(); }

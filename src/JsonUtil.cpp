@@ -10,6 +10,9 @@
 
 namespace {
 
+// Set while a document is built only to be compared with the result file: nothing is terminated then.
+bool g_comparingOnly = false;
+
 struct FreeDeleter {
   void operator()(char* text) const { std::free(text); }
 };
@@ -90,10 +93,18 @@ void JsonUtil::MakeUpgradeWebapiJson(Json::Value& document, _PluginData& record)
     const std::string appId = whiteList.substr(0, whiteList.find(','));
     PLUGIN_LOG("pluginname:[%s]tizenid:[%s]", record.name.c_str(), appId.c_str());
     // A running application keeps the plug-in it loaded; it must restart to pick up the upgrade.
-    m_TerminateBGApp(appId);
+    if (!g_comparingOnly) m_TerminateBGApp(appId);
     AddApplicationEntry(document, record, appId);
     whiteList.erase(0, appId.size() + 1);
   }
+}
+
+void JsonUtil::MakeExpectedWebapiJson(Json::Value& document, _PluginData& record) {
+  struct ComparingOnly {
+    ComparingOnly() { g_comparingOnly = true; }
+    ~ComparingOnly() { g_comparingOnly = false; }
+  } comparing;
+  MakeUpgradeWebapiJson(document, record);
 }
 
 void JsonUtil::ParseJsonToStr(Json::Value& document, std::string& text) {

@@ -13,6 +13,8 @@
 #include <sstream>
 #include <type_traits>
 
+#include "PluginPolicy.h"
+
 namespace {
 
 struct DirCloser {
@@ -89,6 +91,24 @@ struct PkgInfoDestroyer {
   void operator()(pkgmgrinfo_pkginfo_h handle) const { pkgmgrinfo_pkginfo_destroy_pkginfo(handle); }
 };
 using PkgInfoHandle = std::unique_ptr<std::remove_pointer_t<pkgmgrinfo_pkginfo_h>, PkgInfoDestroyer>;
+
+struct MetadataFilterDestroyer {
+  void operator()(pkgmgrinfo_appinfo_metadata_filter_h handle) const {
+    pkgmgrinfo_appinfo_metadata_filter_destroy(handle);
+  }
+};
+using MetadataFilterHandle =
+    std::unique_ptr<std::remove_pointer_t<pkgmgrinfo_appinfo_metadata_filter_h>, MetadataFilterDestroyer>;
+
+// The application handle of a walk belongs to the walk: only the package id is kept, copied. Inline, so
+// that a build which never walks (the default one) does not carry it nor the platform call it makes.
+inline int CollectPackageId(const pkgmgrinfo_appinfo_h app, void* pkgids) {
+  char* pkgid = nullptr;
+  if (pkgmgrinfo_appinfo_get_pkgid(app, &pkgid) == PMINFO_R_OK && pkgid != nullptr && *pkgid != '\0') {
+    static_cast<std::set<std::string>*>(pkgids)->insert(pkgid);
+  }
+  return 0;
+}
 
 AppInfoHandle OpenAppInfo(const std::string& id) {
   pkgmgrinfo_appinfo_h handle = nullptr;
@@ -324,6 +344,27 @@ bool PluginDataUtil::GetTPKVersionByID(const std::string& id, std::string& versi
   }
   version = CopyText(text);
   return true;
+}
+
+// Only the hardened build calls the metadata filter, so that the default one needs no platform call beyond
+// those it always made.
+bool PluginDataUtil::GetPackagesWithMetadata(const std::string& key, std::set<std::string>& pkgids) {
+  if constexpr (kPluginPolicy.rebuildLostRecords) {
+    pkgmgrinfo_appinfo_metadata_filter_h raw = nullptr;
+    if (pkgmgrinfo_appinfo_metadata_filter_create(&raw) != PMINFO_R_OK) {
+      PLUGIN_LOG("create metadata filter fail!!");
+      return false;
+    }
+    const MetadataFilterHandle filter(raw);
+    if (pkgmgrinfo_appinfo_metadata_filter_add(filter.get(), key.c_str(), nullptr) != PMINFO_R_OK ||
+        pkgmgrinfo_appinfo_metadata_filter_foreach(filter.get(), CollectPackageId, &pkgids) != PMINFO_R_OK) {
+      PLUGIN_LOG("list the applications with <%s> metadata fail!!", key.c_str());
+      return false;
+    }
+    return true;
+  } else {
+    return false;
+  }
 }
 
 bool PluginDataUtil::MakeInsertedMap(const std::string& id, const std::string& pluginName, PLUGIN_TYPE& kind,

@@ -2,6 +2,7 @@
 
 #include "DBUtil.h"
 #include "PluginDataUtil.h"
+#include "PluginPolicy.h"
 #include "VersionSqliteDB.h"
 #include "WebapisUtil.h"
 
@@ -14,9 +15,26 @@ PluginHandler::PluginHandler() {
 
 PluginHandler::~PluginHandler() = default;
 
+namespace {
+
+// The default build removes the one record named like the package, straight through the database object;
+// an xwalk package's extensions with other names keep theirs. The hardened build removes every record
+// that carries the package's id.
+bool RemovePackageRecords(const std::string& pkgid, const std::string& name) {
+  VersionSqliteDB* db = CSingleton<VersionSqliteDB>::GetInstance();
+  if constexpr (kPluginPolicy.uninstallByPackageId) {
+    return db->DeletePackageData(pkgid);
+  } else {
+    return db->DeleteDBRecord(name, false, strPLUGIN_TABLE);
+  }
+}
+
+}  // namespace
+
 // A null id is not tested for: the string constructor throws, and the exception leaves the plug-in.
 void PluginHandler::HandleSingleTpk(const char* pkgid) {
   std::string id(pkgid);
+  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords("");
   std::string version = strDEFAULT_VERSION;
   // An unreadable version leaves "0.0.0", which a plug-in not yet recorded also has: nothing is stored.
   CSingleton<PluginDataUtil>::GetInstance()->GetTPKVersionByID(id, version);
@@ -30,6 +48,10 @@ void PluginHandler::HandleSingleTpk(const char* pkgid) {
   if (CSingleton<DBUtil>::GetInstance()->IsUpdate() ||
       !CSingleton<WebapisUtil>::GetInstance()->CheckUpgradeResultExist()) {
     m_RewriteJson();
+  } else if constexpr (kPluginPolicy.rewriteStaleResult) {
+    // The update flag lives in memory: a process that died between the commit and the rename took the
+    // pending rewrite with it, and only a comparison with the records can tell.
+    if (!m_ResultMatchesRecords()) m_RewriteJson();
   }
 }
 
@@ -78,21 +100,25 @@ bool PluginHandler::m_checkTpk(std::string& pkgid, std::string& tpkVersion) {
         record.entryPoints.c_str(), record.pluginType, record.hasForceMetaData, record.isUpdate,
         record.appWhiteList.c_str(), record.systemPath.c_str());
     // clang-format on
-    db->InsertPluginDataToDB(record);  // a failed insert does not stop the others
+    if constexpr (!kPluginPolicy.packageInOneTransaction) {
+      db->InsertPluginDataToDB(record);  // a failed insert does not stop the others
+    }
   }
+  if constexpr (kPluginPolicy.packageInOneTransaction) db->InsertPluginDataListToDB(inserted);
   return true;
 }
 
-// The record goes by the plug-in name cut from the package id, straight through the database object:
-// the update flag is not involved, so the result file is rebuilt whatever it says.
+// The records go straight through the database object: the update flag is not involved, so the result
+// file is rebuilt whatever it says.
 void PluginHandler::RemoveTpk(const char* pkgid) {
   std::string id(pkgid);
+  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords(id);
   std::string name;
   if (!CSingleton<PluginDataUtil>::GetInstance()->GetPluginNameByID(id, name)) {
     PLUGIN_LOG("get tpk name fail");
     return;
   }
-  if (!CSingleton<VersionSqliteDB>::GetInstance()->DeleteDBRecord(name, false, strPLUGIN_TABLE)) {
+  if (!RemovePackageRecords(id, name)) {
     PLUGIN_LOG("remove DB record fail");
     return;
   }
@@ -101,13 +127,51 @@ void PluginHandler::RemoveTpk(const char* pkgid) {
 
 bool PluginHandler::m_RewriteJson() {
   DBUtil* db = CSingleton<DBUtil>::GetInstance();
-  db->GetPluginListFromDB(m_pluginMap);
+  const bool read = db->GetPluginListFromDB(m_pluginMap);
+  if constexpr (kPluginPolicy.keepRecordsOnFailedWrite) {
+    // Unread records would publish an empty list: the file stays as it is until they can be read.
+    if (!read) {
+      PLUGIN_LOG("records unreadable, result file left as it is");
+      return false;
+    }
+  }
   if (CSingleton<WebapisUtil>::GetInstance()->SavePluginUpgradeResult(m_pluginMap)) {
     db->SetIsUpdate(false);
     return true;
+  }
+  if constexpr (kPluginPolicy.keepRecordsOnFailedWrite) {
+    // The update flag stays set for this process, and the comparison with the records catches the
+    // stale file in the next one.
+    PLUGIN_LOG("update fail!records kept, the result file is written again at the next call");
+    return false;
   }
   // With no records left, every plug-in package is compared against "0.0.0" and stored again when the
   // handler is next created, and the result file is rebuilt from them then.
   PLUGIN_LOG("update fail!clear DB for next boot");
   return db->RemoveAllPluginDataFromDB();
+}
+
+bool PluginHandler::m_ResultMatchesRecords() {
+  PluginDataMap records;
+  if (!CSingleton<DBUtil>::GetInstance()->GetPluginListFromDB(records)) return true;  // nothing to compare
+  if (CSingleton<WebapisUtil>::GetInstance()->CheckUpgradeResultMatches(records)) return true;
+  PLUGIN_LOG("result file differs from the records, rewrite it");
+  return false;
+}
+
+void PluginHandler::m_RebuildLostRecords(const std::string& leaving) {
+  DBUtil* db = CSingleton<DBUtil>::GetInstance();
+  if (!db->TakeRecordsLost()) return;
+  PLUGIN_LOG("both database files were damaged: rebuild the records from the installed packages");
+  PluginDataUtil* dataUtil = CSingleton<PluginDataUtil>::GetInstance();
+  std::set<std::string> packages;
+  if (!dataUtil->GetPackagesWithMetadata(strMETADATA_TYPE_KEY, packages)) return;
+  db->GetPluginListFromDB(m_pluginMap);  // empty now: every package compares with "0.0.0"
+  for (std::string pkgid : packages) {
+    if (pkgid == leaving) continue;
+    std::string version = strDEFAULT_VERSION;
+    dataUtil->GetTPKVersionByID(pkgid, version);
+    PLUGIN_LOG("rebuild pkgid = [%s], version = [%s]", pkgid.c_str(), version.c_str());
+    m_checkTpk(pkgid, version);
+  }
 }

@@ -5,12 +5,16 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
 #include <utility>
+
+#include "PluginPolicy.h"
 
 // The database paths exist once, exported, so that tools can name the same files as the plug-in.
 const std::string strTZ_SYS_DB = tzplatform_getenv(TZ_SYS_DB);
@@ -50,6 +54,23 @@ const char kVersionTableSchema[] =
 // The busy loops of the validity check give another process at most three seconds.
 constexpr int kMaxBusyRetries = 2;
 
+// The plug-in table's columns, in order: a table of that name with others is not the plug-in's.
+const char* const kPluginColumns[] = {
+    "name",       "version",          "path",     "pkgid",        "entryPoints",
+    "pluginType", "hasForceMetaData", "isUpdate", "appWhiteList", "systemPath"};
+
+// Calls in which the busy handler gave up: the hardened open check tells a busy file from a damaged one
+// by whether this moved during the check.
+int g_busyGiveUps = 0;
+
+// How long, in all, the hardened build waits for a database that another process holds, across the checks
+// and writes of a call; it is spent by waits that end busy and refilled once the database is found free.
+constexpr int kBusyBudgetMs = 8000;
+int g_busyBudgetMs = kBusyBudgetMs;
+
+// The staging file of a database copy, beside its destination.
+const char kCopyStagingSuffix[] = ".copy";
+
 // sqlite3_open_v2 hands out a handle even when it fails; it is owned from that moment on.
 int Open(const char* path, int flags, Connection& db) {
   sqlite3* raw = nullptr;
@@ -74,6 +95,47 @@ int Exec(sqlite3* db, const char* sql, SqliteText& error) {
 
 void InstallBusyHandler(sqlite3* db) { sqlite3_busy_handler(db, callback_db, db); }
 
+// Runs `sql` with SQLite waiting for the lock for at most what is left of the busy budget.
+int ExecWaiting(sqlite3* db, const char* sql, SqliteText& error) {
+  const auto start = std::chrono::steady_clock::now();
+  sqlite3_busy_timeout(db, g_busyBudgetMs);
+  const int ret = Exec(db, sql, error);
+  if (ret != SQLITE_BUSY) {
+    g_busyBudgetMs = kBusyBudgetMs;
+    return ret;
+  }
+  const auto waited =
+      std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+  g_busyBudgetMs = std::max(0, g_busyBudgetMs - static_cast<int>(waited));
+  return ret;
+}
+
+// False while another connection holds `path` after the wait. Only a regular file with content is looked
+// at: anything else is the validity check's to judge (opening a FIFO would block).
+bool WaitWhileHeld(const char* path) {
+  struct stat st;
+  if (stat(path, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size == 0) return true;
+  Connection db;  // opened as the validity check opens it; it only reads
+  if (Open(path, SQLITE_OPEN_READWRITE, db) != SQLITE_OK) return true;
+  SqliteText error;
+  return ExecWaiting(db.get(), "select count(*) from sqlite_master", error) != SQLITE_BUSY;
+}
+
+bool HasPluginColumns(sqlite3* db) {
+  Statement stmt;
+  if (Prepare(db, "PRAGMA table_info(pluginTable);", stmt) != SQLITE_OK) return false;
+  size_t column = 0;
+  while (sqlite3_step(stmt.get()) == SQLITE_ROW) {
+    const unsigned char* name = sqlite3_column_text(stmt.get(), 1);
+    if (column == std::size(kPluginColumns) || name == nullptr ||
+        std::strcmp(reinterpret_cast<const char*>(name), kPluginColumns[column]) != 0) {
+      return false;
+    }
+    ++column;
+  }
+  return column == std::size(kPluginColumns);
+}
+
 // Log arguments that may be null print as the C library would print them.
 const char* Printable(const char* text) { return text != nullptr ? text : "(null)"; }
 const char* Printable(const SqliteText& text) { return Printable(text.get()); }
@@ -82,6 +144,15 @@ std::string ColumnText(sqlite3_stmt* stmt, int column) {
   // Nothing here writes NULL; a foreign or damaged file may, and such a field reads as empty.
   const unsigned char* text = sqlite3_column_text(stmt, column);
   return text != nullptr ? reinterpret_cast<const char*>(text) : "";
+}
+
+SqliteText InsertStatement(const _PluginData& record) {
+  SqliteText sql(sqlite3_mprintf("insert or replace into pluginTable values(%Q,%Q,%Q,%Q,%Q,%d,%d,%d,%Q,%Q)",
+                                 record.name.c_str(), record.version.c_str(), record.path.c_str(),
+                                 record.pkgid.c_str(), record.entryPoints.c_str(),
+                                 static_cast<int>(record.pluginType), record.hasForceMetaData,
+                                 record.isUpdate, record.appWhiteList.c_str(), record.systemPath.c_str()));
+  return sql;
 }
 
 _PluginData RecordFromRow(sqlite3_stmt* stmt) {
@@ -134,16 +205,43 @@ void NoteTable(sqlite3_stmt* stmt, TablesFound& found) {
 // write) belongs to other content: played back onto the copy, it would damage it.
 void RemoveStaleJournal(const char* path) { unlink((std::string(path) + "-journal").c_str()); }
 
-// Copies at most `size` bytes; the copy goes on as far as reading and writing do.
-void CopyContent(int in, int out, long long size) {
+// Copies at most `size` bytes; the copy goes on as far as reading and writing do. True when all of them
+// were copied.
+bool CopyContent(int in, int out, long long size) {
   char buffer[64 * 1024];
   while (size > 0) {
     const ssize_t got = read(in, buffer, sizeof(buffer) < static_cast<size_t>(size) ? sizeof(buffer)
                                                                                       : static_cast<size_t>(size));
     if (got < 0 && errno == EINTR) continue;
-    if (got <= 0 || !PluginWriteAll(out, buffer, static_cast<size_t>(got))) return;
+    if (got <= 0 || !PluginWriteAll(out, buffer, static_cast<size_t>(got))) return false;
     size -= got;
   }
+  return true;
+}
+
+std::string DirectoryOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Writes the whole copy to a staging file beside `dest`, syncs it and renames it over `dest`: the
+// destination is either the complete copy or what it was. A staging file left by a killed process goes
+// first (unlinking a link there removes only the link).
+bool CopyStaged(int in, const char* dest, long long size) {
+  const std::string staging = std::string(dest) + kCopyStagingSuffix;
+  unlink(staging.c_str());
+  PluginFd out(PluginOpenForWriting(staging.c_str()));
+  bool copied = out && CopyContent(in, out.get(), size) && fsync(out.get()) == 0 && out.Close();
+  if (copied) {
+    RemoveStaleJournal(dest);
+    copied = rename(staging.c_str(), dest) == 0;
+  }
+  if (!copied) {
+    unlink(staging.c_str());
+    return false;
+  }
+  PluginSyncDirectory(DirectoryOf(dest));
+  return true;
 }
 
 // m_recoverDBExecute works on a plain handle: ownership goes into it and the connection it leaves in the
@@ -163,6 +261,7 @@ int callback_db(void* /*arg*/, int count) {
     PLUGIN_LOG("database is lock now,can not write/read.count is [%d]\n", count);
     return 1;
   }
+  ++g_busyGiveUps;
   PLUGIN_LOG("wait count is [%d], not keep waiting..\n", count);
   return 0;
 }
@@ -172,11 +271,7 @@ VersionSqliteDB::VersionSqliteDB() {}
 VersionSqliteDB::~VersionSqliteDB() {}
 
 bool VersionSqliteDB::InsertPluginData(_PluginData& record) {
-  SqliteText sql(sqlite3_mprintf("insert or replace into pluginTable values(%Q,%Q,%Q,%Q,%Q,%d,%d,%d,%Q,%Q)",
-                                 record.name.c_str(), record.version.c_str(), record.path.c_str(),
-                                 record.pkgid.c_str(), record.entryPoints.c_str(),
-                                 static_cast<int>(record.pluginType), record.hasForceMetaData,
-                                 record.isUpdate, record.appWhiteList.c_str(), record.systemPath.c_str()));
+  const SqliteText sql = InsertStatement(record);
   PLUGIN_LOG("insert sql:[%s]", Printable(sql));
   const bool inserted = m_modifyTable(sql.get());
   if (inserted) {
@@ -186,6 +281,36 @@ bool VersionSqliteDB::InsertPluginData(_PluginData& record) {
   }
   return inserted;
 }
+
+// The savepoint makes the statements one transaction also where recovery runs them again outside the
+// write's own: a failure part-way leaves it open, and closing the connection rolls all of it back.
+bool VersionSqliteDB::InsertPluginDataList(PluginDataMap& records) {
+  if (records.empty()) return true;
+  std::string script = "SAVEPOINT package;";
+  for (const auto& entry : records) {
+    const SqliteText sql = InsertStatement(entry.second);
+    PLUGIN_LOG("insert sql:[%s]", Printable(sql));
+    script.append(Printable(sql)).append(";");
+  }
+  script += "RELEASE package;";
+  const bool inserted = m_modifyTable(script.data());
+  if (inserted) {
+    PLUGIN_LOG("insert into pluginTable successfully, %zu records in one write", records.size());
+  } else {
+    PLUGIN_LOG("insert into pluginTable fail!! none of the %zu records stored", records.size());
+  }
+  return inserted;
+}
+
+bool VersionSqliteDB::DeletePackageData(const std::string& pkgid) {
+  SqliteText sql(sqlite3_mprintf("delete from pluginTable where pkgid=%Q", pkgid.c_str()));
+  PLUGIN_LOG("remove every record of package [%s]: [%s]", pkgid.c_str(), Printable(sql));
+  const bool removed = m_modifyTable(sql.get());
+  PLUGIN_LOG("remove the records of [%s] %s", pkgid.c_str(), removed ? "successfully" : "fail!!");
+  return removed;
+}
+
+bool VersionSqliteDB::TakeRecordsLost() { return std::exchange(m_recordsLost, false); }
 
 bool VersionSqliteDB::DeletePluginData(const std::string& name) {
   SqliteText sql(sqlite3_mprintf("delete from pluginTable where name=%Q", name.c_str()));
@@ -268,9 +393,22 @@ bool VersionSqliteDB::m_getPluginDataFromPluginTable(char* sql, PluginDataMap& m
 }
 
 bool VersionSqliteDB::m_openDBCheck() {
-  if (m_validCheck(VERSION_DB)) {
+  // Another process may hold the file for longer than the check's own waits. The default build then finds
+  // it invalid and restores it from the backup, losing what that process wrote since; the hardened build
+  // waits for it (within the busy budget) and, if it stays held, gives up leaving both files as they are.
+  const int busyGiveUps = g_busyGiveUps;
+  bool held = false;
+  if constexpr (kPluginPolicy.waitForBusyDatabase) held = !WaitWhileHeld(VERSION_DB);
+  if (!held && m_validCheck(VERSION_DB)) {
     PLUGIN_LOG("db valid check pass");
     return true;
+  }
+  if constexpr (kPluginPolicy.waitForBusyDatabase) {
+    if (held || g_busyGiveUps != busyGiveUps) {
+      PLUGIN_LOG("database [%s] stays busy: neither file restored nor created, the call gives up",
+                 VERSION_DB);
+      return false;
+    }
   }
   // The backup is looked at only now: a bad backup beside a good main file waits for the next write.
   if (m_validCheck(VERSION_DB_BAKUP)) return m_versionCpBakUp(VERSION_DB_BAKUP, VERSION_DB);
@@ -280,6 +418,7 @@ bool VersionSqliteDB::m_openDBCheck() {
   PLUGIN_LOG("db and backup db are not valid, now create db");
   if (!m_createDataBase(VERSION_DB)) return false;
   m_versionCpBakUp(VERSION_DB, VERSION_DB_BAKUP);
+  if constexpr (kPluginPolicy.rebuildLostRecords) m_recordsLost = true;
   return true;
 }
 
@@ -350,6 +489,13 @@ bool VersionSqliteDB::m_validCheck(const char* path) {
       }
     }
   }
+  if constexpr (kPluginPolicy.checkPluginColumns) {
+    // A table of that name with other columns takes no record of the plug-in's: every write would fail.
+    if (found.plugin && !HasPluginColumns(db.get())) {
+      PLUGIN_LOG("%s DB : pluginTable has other columns than the plug-in's own, counted as damaged", path);
+      found.plugin = false;
+    }
+  }
   if (found.version && found.plugin) return true;
   PLUGIN_LOG("valid check failed, integrity_verify[%d], version table check[%d], plugin table check[%d]",
              integrityVerified, found.version, found.plugin);
@@ -417,13 +563,13 @@ bool VersionSqliteDB::m_versionCpBakUp(const char* source, const char* dest) {
     return false;
   }
 
-  // The destination is truncated when it is opened, before the source size is known, so an empty
-  // source leaves an empty destination: one that the open check refuses, never a stale copy that
-  // passes for current. Neither side may block: a FIFO at either path is refused or copied from as
-  // an empty file.
-  RemoveStaleJournal(dest);
+  // The default build truncates the destination when it opens it, before the source size is known, so
+  // an empty source leaves an empty destination: one that the open check refuses, never a stale copy
+  // that passes for current. The hardened build touches the destination only with a complete copy.
+  // Neither side may block: a FIFO at either path is refused or copied from as an empty file.
+  if constexpr (!kPluginPolicy.stagedCopies) RemoveStaleJournal(dest);
   const PluginFd in(open(source, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  PluginFd out(PluginOpenForWriting(dest));
+  PluginFd out(kPluginPolicy.stagedCopies ? -1 : PluginOpenForWriting(dest));
   const long long size = in ? static_cast<long long>(lseek(in.get(), 0, SEEK_END)) : -1;
   if (size <= 0) {
     PLUGIN_LOG("The copy Size is [%lld], invalid!\n", size);
@@ -434,6 +580,11 @@ bool VersionSqliteDB::m_versionCpBakUp(const char* source, const char* dest) {
   // file may report a size no allocation could satisfy. The copy is synced, since the pair is what
   // survives a power cut.
   lseek(in.get(), 0, SEEK_SET);
+  if constexpr (kPluginPolicy.stagedCopies) {
+    if (CopyStaged(in.get(), dest, size)) return true;
+    PLUGIN_LOG("copy of [%s] to [%s] not completed, [%s] left as it was", source, dest, dest);
+    return false;
+  }
   if (out) {
     CopyContent(in.get(), out.get(), size);
     fsync(out.get());
@@ -479,6 +630,14 @@ bool VersionSqliteDB::m_modifyTable(char* sql) {
   SqliteText error;
   SqliteText begin(sqlite3_mprintf("BEGIN EXCLUSIVE"));
   ret = Exec(db.get(), begin.get(), error);
+  if constexpr (kPluginPolicy.waitForBusyDatabase) {
+    // Held by another process: waited for within the busy budget, never taken for damage.
+    if (ret == SQLITE_BUSY) ret = ExecWaiting(db.get(), begin.get(), error);
+    if (ret == SQLITE_BUSY) {
+      PLUGIN_LOG("database [%s] stays busy: nothing written, nothing restored", VERSION_DB);
+      return false;
+    }
+  }
   if (ret != SQLITE_OK) {
     PLUGIN_LOG("begin a transaction fail, ret = %d, errormsg: %s", ret, Printable(error));
     if (!RecoverWith(*this, db, begin.get())) return false;

@@ -34,6 +34,30 @@ class SystemError {
   const char* message_;
 };
 
+// The result document of every record of `map`, in key order, as `add` builds it.
+std::string DocumentText(PluginDataMap& map, void (*add)(Json::Value&, _PluginData&)) {
+  Json::Value document(Json::nullValue);
+  for (auto& entry : map) add(document, entry.second);
+  std::string text;
+  JsonUtil::ParseJsonToStr(document, text);
+  return text;
+}
+
+// The content of a regular file at `path`; false for anything else (a FIFO is never waited on).
+bool ReadRegularFile(const std::string& path, std::string& text) {
+  const PluginFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  char buffer[64 * 1024];
+  for (;;) {
+    const ssize_t got = read(file.get(), buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return false;
+    if (got == 0) return true;
+    text.append(buffer, static_cast<size_t>(got));
+  }
+}
+
 }  // namespace
 
 // The platform reports sizes in 32 bits: a file too large for that is treated as unreadable.
@@ -76,10 +100,7 @@ WebapisUtil::WebapisUtil() = default;
 WebapisUtil::~WebapisUtil() = default;
 
 bool WebapisUtil::SavePluginUpgradeResult(PluginDataMap& map) {
-  Json::Value document(Json::nullValue);
-  for (auto& entry : map) JsonUtil::MakeUpgradeWebapiJson(document, entry.second);
-  std::string text;
-  JsonUtil::ParseJsonToStr(document, text);
+  const std::string text = DocumentText(map, JsonUtil::MakeUpgradeWebapiJson);
   // Readers of the result file must never see a half-written text: stage it, then rename over.
   if (!m_WriteUpgradeWebapiToLocal(strRESULT_FILE_BAK, text)) return false;
   if (!m_RenameFile(strRESULT_FILE_BAK, strRESULT_FILE)) return false;
@@ -89,6 +110,12 @@ bool WebapisUtil::SavePluginUpgradeResult(PluginDataMap& map) {
 }
 
 bool WebapisUtil::CheckUpgradeResultExist() { return access(strRESULT_FILE.c_str(), F_OK) == 0; }
+
+bool WebapisUtil::CheckUpgradeResultMatches(PluginDataMap& map) {
+  std::string published;
+  return ReadRegularFile(strRESULT_FILE, published) &&
+         published == DocumentText(map, JsonUtil::MakeExpectedWebapiJson);
+}
 
 bool WebapisUtil::m_WriteUpgradeWebapiToLocal(const std::string& path, const std::string& text) {
   if (access(strRESULT_DIR.c_str(), F_OK) != 0 && !m_CreateDirectory(strRESULT_DIR)) return false;

@@ -3,6 +3,9 @@
 #include <cstring>
 
 #include "PluginHandler.h"
+#include "PluginPolicy.h"
+
+extern "C" const char WUP_POLICY_NAME[] = WUP_POLICY_NAME_TEXT;
 
 namespace {
 

@@ -10,6 +10,8 @@ status=0
 for symbol in VERSION_DB VERSION_DB_BAKUP; do
   grep -qE " [BDGRS] ${symbol}\$" <<<"$defined" || { echo "not exported: $symbol"; status=1; }
 done
+# Which build the library is, for whoever loads it: "default" or "hardened".
+grep -qE " R WUP_POLICY_NAME\$" <<<"$defined" || { echo "not exported: WUP_POLICY_NAME"; status=1; }
 for symbol in strTZ_SYS_DB strVERSION_DB strVERSION_DB_BAKUP; do
   grep -qE " [BDGRS] _Z[0-9]+${symbol}B5cxx11\$" <<<"$defined" || { echo "not exported: $symbol"; status=1; }
 done

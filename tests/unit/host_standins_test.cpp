@@ -163,4 +163,39 @@ TEST_F(PkgmgrInfoStandIn, ForcedFailuresAndHandleCounts) {
   EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 0);
 }
 
+// The walk shows what pkgmgrinfo_appinfo_get_appinfo would (an update hides the preloaded manifest it
+// replaces), hands each application's package out, stops on a negative return, and every filter handle is
+// destroyed exactly once.
+TEST_F(PkgmgrInfoStandIn, MetadataFilterWalksTheApplicationsThatCarryTheKey) {
+  WriteManifest(Device().roPackages, "pre", "1", {"pre.a", "pre.b"}, {{"type", "x"}});
+  WriteManifest(Device().roPackages, "updated", "1", {"updated"}, {{"type", "x"}});
+  WriteManifest(rw_, "updated", "2", {"updated"});  // the update dropped the key
+  WriteManifest(rw_, "inst", "1", {"inst"}, {{"type", "y"}});
+  WriteManifest(rw_, "case", "1", {"case"}, {{"TYPE", "x"}});
+  WriteManifest(rw_, "plain", "1", {"plain"});
+  auto walk = [](const char* value, int stopAfter) {
+    pkgmgrinfo_appinfo_metadata_filter_h filter = nullptr;
+    EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_create(&filter), PMINFO_R_OK);
+    EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_add(filter, nullptr, value), PMINFO_R_EINVAL);
+    EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_add(filter, "type", value), PMINFO_R_OK);
+    std::pair<Lines, int> seen{{}, stopAfter};
+    const auto collect = [](const pkgmgrinfo_appinfo_h app, void* data) {
+      auto& [packages, left] = *static_cast<std::pair<Lines, int>*>(data);
+      char* pkgid = nullptr;
+      EXPECT_EQ(pkgmgrinfo_appinfo_get_pkgid(app, &pkgid), PMINFO_R_OK);
+      packages.push_back(pkgid);
+      return --left == 0 ? -1 : 0;
+    };
+    EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_foreach(filter, collect, &seen), PMINFO_R_OK);
+    EXPECT_EQ(host_pkgmgrinfo_open_filter_handles(), 1);
+    EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_destroy(filter), PMINFO_R_OK);
+    EXPECT_EQ(pkgmgrinfo_appinfo_metadata_filter_destroy(filter), PMINFO_R_EINVAL);
+    return seen.first;
+  };
+  EXPECT_THAT(walk(nullptr, 0), ElementsAre("inst", "pre", "pre"));
+  EXPECT_THAT(walk("x", 0), ElementsAre("pre", "pre"));
+  EXPECT_THAT(walk(nullptr, 1), ElementsAre("inst"));
+  EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 3);
+}
+
 }  // namespace

@@ -8,10 +8,12 @@
 extern "C" {
 #endif
 
-/* Handles obtained and not yet destroyed: both kinds, application records, package records. */
+/* Handles obtained and not yet destroyed: every kind, application records, package records, metadata
+ * filters. */
 int host_pkgmgrinfo_open_handles(void);
 int host_pkgmgrinfo_open_appinfo_handles(void);
 int host_pkgmgrinfo_open_pkginfo_handles(void);
+int host_pkgmgrinfo_open_filter_handles(void);
 
 /* Destroy calls given a handle that was not open at that moment (destroyed before, of the other kind,
  * or never handed out), since the last reset. */

@@ -28,6 +28,20 @@ int pkgmgrinfo_pkginfo_get_pkginfo(const char* pkgid, pkgmgrinfo_pkginfo_h* hand
 int pkgmgrinfo_pkginfo_get_version(pkgmgrinfo_pkginfo_h handle, char** version);
 int pkgmgrinfo_pkginfo_destroy_pkginfo(pkgmgrinfo_pkginfo_h handle);
 
+/* Listing the applications that carry a metadata key (the hardened build rebuilds its records with it).
+ * Filters added with a NULL value match any value; the walk calls `app_cb` once per application that
+ * matches one of them, with a handle that lives until the callback returns; a negative return stops it. */
+typedef void* pkgmgrinfo_appinfo_metadata_filter_h;
+typedef int (*pkgmgrinfo_app_list_cb)(const pkgmgrinfo_appinfo_h handle, void* user_data);
+
+int pkgmgrinfo_appinfo_metadata_filter_create(pkgmgrinfo_appinfo_metadata_filter_h* handle);
+int pkgmgrinfo_appinfo_metadata_filter_add(pkgmgrinfo_appinfo_metadata_filter_h handle, const char* key,
+                                           const char* value);
+int pkgmgrinfo_appinfo_metadata_filter_foreach(pkgmgrinfo_appinfo_metadata_filter_h handle,
+                                               pkgmgrinfo_app_list_cb app_cb, void* user_data);
+int pkgmgrinfo_appinfo_metadata_filter_destroy(pkgmgrinfo_appinfo_metadata_filter_h handle);
+int pkgmgrinfo_appinfo_get_pkgid(pkgmgrinfo_appinfo_h handle, char** pkgid);
+
 #ifdef __cplusplus
 }
 #endif

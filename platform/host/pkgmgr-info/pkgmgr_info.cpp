@@ -45,6 +45,7 @@ struct AppInfo {
   std::string appid;
   std::string rootPath;
   std::vector<std::pair<std::string, std::string>> metadata;
+  std::string pkgid;  // filled by pkgmgrinfo_appinfo_get_pkgid
 };
 
 struct PkgInfo {
@@ -57,6 +58,7 @@ struct Bookkeeping {
   std::mutex mutex;
   std::set<void*> appinfos;
   std::set<void*> pkginfos;
+  std::set<void*> filters;
   std::map<std::string, int> calls;
   int badDestroys = 0;
 };
@@ -273,7 +275,8 @@ int host_pkgmgrinfo_open_pkginfo_handles(void) {
 }
 
 int host_pkgmgrinfo_open_handles(void) {
-  return host_pkgmgrinfo_open_appinfo_handles() + host_pkgmgrinfo_open_pkginfo_handles();
+  return host_pkgmgrinfo_open_appinfo_handles() + host_pkgmgrinfo_open_pkginfo_handles() +
+         host_pkgmgrinfo_open_filter_handles();
 }
 
 int host_pkgmgrinfo_bad_destroys(void) {
@@ -292,6 +295,105 @@ void host_pkgmgrinfo_reset_counters(void) {
   std::lock_guard<std::mutex> lock(Books().mutex);
   Books().calls.clear();
   Books().badDestroys = 0;
+}
+
+}  // extern "C"
+
+// ---------------------------------------------------------------------------------------------------
+// Metadata filters. The walk finds the applications whose manifests carry a filter's key (and value, when
+// the filter names one), then looks each one up through pkgmgrinfo_appinfo_get_appinfo, so that it sees
+// exactly the applications that call would show this process (and counts as such calls); the handle
+// handed to the callback is destroyed when the callback returns.
+
+namespace {
+
+struct MetadataFilter {
+  std::vector<std::pair<std::string, const std::string*>> items;  // key, value (null: any value)
+  std::vector<std::unique_ptr<std::string>> values;
+};
+
+bool Matches(const MetadataFilter& filter, const std::vector<std::pair<std::string, std::string>>& metadata) {
+  for (const auto& [key, value] : metadata) {
+    for (const auto& [wantedKey, wantedValue] : filter.items) {
+      if (key == wantedKey && (wantedValue == nullptr || value == *wantedValue)) return true;
+    }
+  }
+  return false;
+}
+
+// Application ids declared with matching metadata in the manifests of both areas, without repeats.
+std::vector<std::string> CandidateApps(const MetadataFilter& filter) {
+  std::vector<std::string> appids;
+  std::set<std::string> seen;
+  const std::lock_guard<std::mutex> lock(IndexMutex());
+  for (const Area& area : {Writable(), ReadOnly()}) {
+    for (auto& [package, entry] : ManifestsOf(area)) {
+      const host::Manifest* manifest = entry.Parsed();
+      if (manifest == nullptr) continue;
+      for (const host::ManifestApp& app : manifest->apps) {
+        if (Matches(filter, app.metadata) && seen.insert(app.appid).second) appids.push_back(app.appid);
+      }
+    }
+  }
+  return appids;
+}
+
+}  // namespace
+
+extern "C" {
+
+int pkgmgrinfo_appinfo_metadata_filter_create(pkgmgrinfo_appinfo_metadata_filter_h* handle) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (handle == nullptr) return PMINFO_R_EINVAL;
+  *handle = Register(&Bookkeeping::filters, new MetadataFilter());
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_appinfo_metadata_filter_add(pkgmgrinfo_appinfo_metadata_filter_h handle, const char* key,
+                                           const char* value) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (key == nullptr || !IsOpen(&Bookkeeping::filters, handle)) return PMINFO_R_EINVAL;
+  auto& filter = *static_cast<MetadataFilter*>(handle);
+  const std::string* wanted = nullptr;
+  if (value != nullptr) wanted = filter.values.emplace_back(std::make_unique<std::string>(value)).get();
+  filter.items.emplace_back(key, wanted);
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_appinfo_metadata_filter_foreach(pkgmgrinfo_appinfo_metadata_filter_h handle,
+                                               pkgmgrinfo_app_list_cb app_cb, void* user_data) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (app_cb == nullptr || !IsOpen(&Bookkeeping::filters, handle)) return PMINFO_R_EINVAL;
+  const auto& filter = *static_cast<MetadataFilter*>(handle);
+  for (const std::string& appid : CandidateApps(filter)) {
+    pkgmgrinfo_appinfo_h app = nullptr;
+    if (pkgmgrinfo_appinfo_get_appinfo(appid.c_str(), &app) != PMINFO_R_OK) continue;
+    // The id may resolve to another manifest (an update shadowing the preloaded one) without the metadata.
+    const bool matches = Matches(filter, static_cast<AppInfo*>(app)->metadata);
+    const int stop = matches ? app_cb(app, user_data) : 0;
+    pkgmgrinfo_appinfo_destroy_appinfo(app);
+    if (stop < 0) break;
+  }
+  return PMINFO_R_OK;
+}
+
+int pkgmgrinfo_appinfo_metadata_filter_destroy(pkgmgrinfo_appinfo_metadata_filter_h handle) {
+  return Destroy<MetadataFilter>(__func__, &Bookkeeping::filters, handle);
+}
+
+int pkgmgrinfo_appinfo_get_pkgid(pkgmgrinfo_appinfo_h handle, char** pkgid) {
+  if (Enter(__func__)) return PMINFO_R_ERROR;
+  if (pkgid == nullptr || !IsOpen(&Bookkeeping::appinfos, handle)) return PMINFO_R_EINVAL;
+  auto& app = *static_cast<AppInfo*>(handle);
+  // An application's root path is its package's directory, named by the package id.
+  app.pkgid = app.rootPath.substr(app.rootPath.rfind('/') + 1);
+  *pkgid = app.pkgid.data();
+  return PMINFO_R_OK;
+}
+
+int host_pkgmgrinfo_open_filter_handles(void) {
+  std::lock_guard<std::mutex> lock(Books().mutex);
+  return static_cast<int>(Books().filters.size());
 }
 
 }  // extern "C"
