@@ -98,7 +98,7 @@ std::string Manifest(const std::string& pkgid, const std::string& appList) {
          "</manifest>\n";
 }
 
-// ---- processes ------------------------------------------------------------------------------------------
+// ---- processes --------------------------------------------------------------------------------------------
 
 // A sandbox device under `root`, laid out as every host program lays one out (hostkit/layout.h).
 struct Device {
@@ -245,7 +245,7 @@ Device Fresh(const Device& seeded, const fs::path& root) {
   return Device{root};
 }
 
-// ---- what a run left behind ---------------------------------------------------------------------------
+// ---- what a run left behind -------------------------------------------------------------------------------
 
 std::string Rows(const Device& device) {
   sqlite3* raw = nullptr;
@@ -294,7 +294,7 @@ std::string Compare(const Outcome& plugin, const Outcome& other, Agreement agree
   return differences;
 }
 
-// ---- callgrind ------------------------------------------------------------------------------------------
+// ---- callgrind --------------------------------------------------------------------------------------------
 
 bool IsStandIn(const std::string& object) { return object.find("/platform/host/") != std::string::npos; }
 
@@ -368,8 +368,7 @@ Profile Instructions(const Device& device, std::vector<std::string> args, const 
   return ReadProfile(out);
 }
 
-// ---- the benchmark
-// -----------------------------------------------------------------------------------------
+// ---- the benchmark ----------------------------------------------------------------------------------------
 
 // A program and its arguments for the device it runs on.
 struct Variant {

@@ -84,7 +84,7 @@ Paths DevicePaths() {
   return paths;
 }
 
-// ---- database -------------------------------------------------------------------------------------
+// ---- database ---------------------------------------------------------------------------------------------
 
 struct Closer {
   void operator()(sqlite3* db) const { sqlite3_close(db); }
@@ -202,7 +202,7 @@ void Write(const Paths& paths, char* sql) {
   FLOOR_LOG("written");
 }
 
-// ---- the result document --------------------------------------------------------------------------
+// ---- the result document ----------------------------------------------------------------------------------
 
 // The plug-in must build and write the document with JsonCpp at its default settings (the web runtime
 // reads that layout), so the floor does the same: the library's work is part of what an install cannot
@@ -307,7 +307,7 @@ void PublishResult(const Paths& paths, const std::vector<Record>& records) {
   SyncDirectory(paths.resultDir);
 }
 
-// ---- package facts ------------------------------------------------------------------------------------
+// ---- package facts ----------------------------------------------------------------------------------------
 
 struct Facts {
   std::string version, kind, root, appList;
