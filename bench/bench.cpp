@@ -3,18 +3,24 @@
 // has N plug-in packages installed and recorded; beside it the floor (bench_floor) doing the same
 // mandatory work on the same device, with and without the platform calls. Reports CPU time (user +
 // system of the process, median of the runs) and, under valgrind's callgrind, instructions, with the
-// share that the host stand-ins of the platform take. See bench/README.md.
+// share that the host stand-ins of the platform take, and the fsync and fdatasync calls of each. With
+// --hardened, a second build of the plug-in (the hardened one) is measured beside the default build.
+// The figures are reported only when every program left the same device as the plug-in: a disagreement
+// ends the benchmark with status 1 before any ratio is printed. See bench/README.md.
 //
-//   bench_install [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--dir DIR] [--keep]
+//   bench_install [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--hardened PLUGIN.so]
+//                 [--dir DIR] [--keep]
 //
 // The devices are made under DIR (default: /dev/shm when there is one, else /tmp): thousands of small
 // files are copied and removed for every run, which a disk mounted with online discard takes seconds for.
+#include <dlfcn.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -64,15 +70,24 @@ std::string AppListOf(int i) { return "Bn" + Numbered(i) + "App.Main"; }
 // metadata, privileges and a feature.
 std::string Manifest(const std::string& pkgid, const std::string& appList) {
   return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
-         "<manifest xmlns=\"http://tizen.org/ns/packages\" api-version=\"6.0\" package=\"" + pkgid +
+         "<manifest xmlns=\"http://tizen.org/ns/packages\" api-version=\"6.0\" package=\"" +
+         pkgid +
          "\" version=\"1.0.0\">\n"
          "    <profile name=\"tv\"/>\n"
-         "    <service-application appid=\"" + pkgid + "\" exec=\"plugin\" type=\"capp\" multiple=\"false\""
+         "    <service-application appid=\"" +
+         pkgid +
+         "\" exec=\"plugin\" type=\"capp\" multiple=\"false\""
          " taskmanage=\"false\" nodisplay=\"true\">\n"
-         "        <label>Web API plug-in " + pkgid.substr(pkgid.rfind('.') + 1) + "</label>\n"
+         "        <label>Web API plug-in " +
+         pkgid.substr(pkgid.rfind('.') + 1) +
+         "</label>\n"
          "        <icon>plugin.png</icon>\n"
-         "        <metadata key=\"" + kTypeKey + "\" value=\"pepperplugin\"/>\n"
-         "        <metadata key=\"" + kAppListKey + "\" value=\"" + appList + "\"/>\n"
+         "        <metadata key=\"" +
+         kTypeKey +
+         "\" value=\"pepperplugin\"/>\n"
+         "        <metadata key=\"" +
+         kAppListKey + "\" value=\"" + appList +
+         "\"/>\n"
          "    </service-application>\n"
          "    <privileges>\n"
          "        <privilege>http://tizen.org/privilege/internet</privilege>\n"
@@ -83,7 +98,7 @@ std::string Manifest(const std::string& pkgid, const std::string& appList) {
          "</manifest>\n";
 }
 
-// ---- processes ------------------------------------------------------------------------------------------
+// ---- processes --------------------------------------------------------------------------------------------
 
 // A sandbox device under `root`, laid out as every host program lays one out (hostkit/layout.h).
 struct Device {
@@ -98,8 +113,15 @@ struct Device {
   std::vector<std::string> Environment() const { return Paths().Environment(); }
 };
 
-// Runs a program to its end with the device's environment; the CPU seconds it took (user + system).
-double Run(const Device& device, const std::vector<std::string>& args) {
+struct Usage {
+  double cpu = 0;   // user + system seconds of the process
+  double wall = 0;  // seconds from its start to its end, waiting on the disk included
+};
+
+// Runs a program to its end with the device's environment (and `extra` variables).
+Usage Run(const Device& device, const std::vector<std::string>& args,
+          const std::vector<std::string>& extra = {}) {
+  const auto start = std::chrono::steady_clock::now();
   const pid_t pid = fork();
   if (pid < 0) throw std::runtime_error("fork failed");
   if (pid == 0) {
@@ -111,6 +133,7 @@ double Run(const Device& device, const std::vector<std::string>& args) {
     clearenv();
     setenv("PATH", searched.c_str(), 1);
     for (const std::string& entry : device.Environment()) putenv(strdup(entry.c_str()));
+    for (const std::string& entry : extra) putenv(strdup(entry.c_str()));
     std::vector<char*> argv;
     for (const std::string& arg : args) argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
@@ -123,13 +146,48 @@ double Run(const Device& device, const std::vector<std::string>& args) {
   if (wait4(pid, &status, 0, &usage) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
     throw std::runtime_error("failed: " + args.front() + " " + args.at(1) + " " + args.at(2));
   }
+  const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start;
   auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-  return seconds(usage.ru_utime) + seconds(usage.ru_stime);
+  return {seconds(usage.ru_utime) + seconds(usage.ru_stime), wall.count()};
+}
+
+struct SyncCount {
+  long calls = -1;
+  double seconds = 0;  // spent inside the calls, waiting for the disk
+};
+
+// The fsync and fdatasync calls of one run, counted and timed by the preloaded counter (count_syncs.c).
+SyncCount Syncs(const Device& device, const std::vector<std::string>& args, const fs::path& countFile) {
+  fs::remove(countFile);
+  // A program built with AddressSanitizer refuses a preloaded library ahead of its runtime; the counter
+  // defines nothing that the runtime intercepts.
+  Run(device, args,
+      {"LD_PRELOAD=" BENCH_SYNC_COUNTER, "BENCH_SYNC_COUNT_FILE=" + countFile.string(),
+       "ASAN_OPTIONS=verify_asan_link_order=0"});
+  std::ifstream in(countFile);
+  SyncCount count;
+  unsigned long long nanoseconds = 0;
+  if (!(in >> count.calls >> nanoseconds)) {
+    throw std::runtime_error("the sync counter left no count for " + args.front());
+  }
+  count.seconds = nanoseconds / 1e9;
+  return count;
 }
 
 std::vector<std::string> PluginCall(const std::string& operation, const std::string& pkgid,
-                                    const std::string& appList) {
-  return {BENCH_CALL, BENCH_PLUGIN, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
+                                    const std::string& appList, const std::string& plugin = BENCH_PLUGIN) {
+  return {
+      BENCH_CALL, plugin, operation, pkgid, pkgid, kTypeKey + "=pepperplugin", kAppListKey + "=" + appList};
+}
+
+// Which build a plug-in library is: the policy name it exports.
+std::string PolicyOf(const std::string& plugin) {
+  void* library = dlopen(plugin.c_str(), RTLD_LAZY | RTLD_LOCAL);
+  if (library == nullptr) throw std::runtime_error(dlerror());
+  const auto* name = static_cast<const char*>(dlsym(library, "WUP_POLICY_NAME"));
+  const std::string policy = name != nullptr ? name : "no policy name";
+  dlclose(library);
+  return policy;
 }
 
 // ---- the device with N recorded plug-ins ------------------------------------------------------------------
@@ -143,20 +201,22 @@ void Exec(sqlite3* db, const std::string& sql) {
   }
 }
 
-// The plug-in creates its database (an uninstall of an unknown package does, on a fresh device); the
-// N records are then added as the plug-in would have stored them, and the backup made equal.
+// The plug-in creates its database (an uninstall of an unknown package does, on a fresh device) before any
+// package is placed: a build that rebuilds lost records from the installed packages finds none, and
+// every build starts from the same empty tables. The N records are then added as the plug-in would have
+// stored them, and the backup made equal.
 Device Seed(const fs::path& root, int count) {
   Device device{root};
   fs::remove_all(root);
   device.Paths().Create();
   WriteFile(device.Paths().ForegroundFile(), "TvHome0001.Main\n");
+  Run(device, PluginCall("uninstall", "com.korvane.tv.pepper.none", ""));
   auto place = [&](const std::string& pkgid, const std::string& appList) {
     WriteFile(device.Paths().Manifest(pkgid, false), Manifest(pkgid, appList));
     fs::create_directories(device.RwApp() / pkgid / "shared" / "res");
   };
   for (int i = 1; i <= count; ++i) place(PackageOf(i), AppListOf(i));
   place(kNewPackage, kNewAppList);
-  Run(device, PluginCall("uninstall", "com.korvane.tv.pepper.none", ""));
 
   sqlite3* raw = nullptr;
   sqlite3_open_v2(device.Db().c_str(), &raw, SQLITE_OPEN_READWRITE, nullptr);
@@ -185,7 +245,7 @@ Device Fresh(const Device& seeded, const fs::path& root) {
   return Device{root};
 }
 
-// ---- what a run left behind ---------------------------------------------------------------------------
+// ---- what a run left behind -------------------------------------------------------------------------------
 
 std::string Rows(const Device& device) {
   sqlite3* raw = nullptr;
@@ -193,7 +253,8 @@ std::string Rows(const Device& device) {
   std::unique_ptr<sqlite3, decltype(&sqlite3_close)> db(raw, sqlite3_close);
   std::string rows;
   auto append = [](void* out, int columns, char** values, char**) {
-    for (int i = 0; i < columns; ++i) *static_cast<std::string*>(out) += (values[i] ? values[i] : "NULL") + std::string("|");
+    for (int i = 0; i < columns; ++i)
+      *static_cast<std::string*>(out) += (values[i] ? values[i] : "NULL") + std::string("|");
     *static_cast<std::string*>(out) += "\n";
     return 0;
   };
@@ -214,20 +275,26 @@ Outcome Observe(const Device& device) {
           ReadFile(device.Db()) == ReadFile(device.Backup())};
 }
 
+// How much of the plug-in's traces another program must leave: all of them; the files only (the bare floor
+// makes no platform call); or the files and the terminations (another build of the plug-in may log
+// differently where it works differently).
+enum class Agreement { kFull, kFiles, kFilesAndTerminations };
+
 // Empty when the two runs left the same; otherwise what differs.
-std::string Compare(const Outcome& plugin, const Outcome& floor, bool bare) {
+std::string Compare(const Outcome& plugin, const Outcome& other, Agreement agreement) {
   std::string differences;
-  if (plugin.result != floor.result) differences += " result-file";
-  if (plugin.rows != floor.rows) differences += " rows";
-  if (!floor.backupEqual) differences += " backup";
-  if (!bare && plugin.terminated != floor.terminated) differences += " terminations";
-  if (!bare && plugin.logLines != floor.logLines) {
-    differences += " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(floor.logLines) + ")";
+  if (plugin.result != other.result) differences += " result-file";
+  if (plugin.rows != other.rows) differences += " rows";
+  if (!other.backupEqual) differences += " backup";
+  if (agreement != Agreement::kFiles && plugin.terminated != other.terminated) differences += " terminations";
+  if (agreement == Agreement::kFull && plugin.logLines != other.logLines) {
+    differences +=
+        " log-lines(" + std::to_string(plugin.logLines) + "/" + std::to_string(other.logLines) + ")";
   }
   return differences;
 }
 
-// ---- callgrind ------------------------------------------------------------------------------------------
+// ---- callgrind --------------------------------------------------------------------------------------------
 
 bool IsStandIn(const std::string& object) { return object.find("/platform/host/") != std::string::npos; }
 
@@ -288,28 +355,33 @@ Profile ReadProfile(const fs::path& path) {
     }
   }
   for (const auto& [where, cost] : inclusive) {
-    if (IsStandIn(where.first) && IsPlatformFunction(where.second)) profile.platformByObject[where.first] += cost;
+    if (IsStandIn(where.first) && IsPlatformFunction(where.second))
+      profile.platformByObject[where.first] += cost;
   }
   return profile;
 }
 
 Profile Instructions(const Device& device, std::vector<std::string> args, const fs::path& out) {
-  args.insert(args.begin(), {"valgrind", "--tool=callgrind", "--quiet", "--callgrind-out-file=" + out.string()});
+  args.insert(args.begin(),
+              {"valgrind", "--tool=callgrind", "--quiet", "--callgrind-out-file=" + out.string()});
   Run(device, args);
   return ReadProfile(out);
 }
 
-// ---- the benchmark -----------------------------------------------------------------------------------------
+// ---- the benchmark ----------------------------------------------------------------------------------------
 
 // A program and its arguments for the device it runs on.
 struct Variant {
   const char* name;
   std::function<std::vector<std::string>(const Device&)> args;
-  bool bare;
+  Agreement agreement;
 };
 
 struct Figures {
-  double cpu = 0;  // seconds, median
+  double cpu = 0;       // seconds, median
+  double wall = 0;      // seconds, median
+  long syncs = 0;       // fsync and fdatasync calls
+  double syncTime = 0;  // seconds inside them, median
   Profile profile;
 };
 
@@ -322,6 +394,7 @@ struct Options {
   std::vector<int> counts = {0, 100, 1000, 3000};
   int runs = 7;
   bool instructions = true;
+  std::string hardened;  // a second build of the plug-in, measured beside the default one
   fs::path dir = fs::is_directory("/dev/shm") ? "/dev/shm" : "/tmp";
   bool keep = false;
 };
@@ -350,10 +423,27 @@ std::string Percent(unsigned long long part, unsigned long long whole) {
   return text;
 }
 
+// Ends the benchmark when a program did not leave what the plug-in left: it would be measured doing other
+// work, and the ratios would mean nothing.
+void RequireAgreement(const std::vector<Variant>& variants, const std::vector<Outcome>& outcomes,
+                      const std::string& what) {
+  std::string differences;
+  for (size_t v = 1; v < variants.size(); ++v) {
+    const std::string differ = Compare(outcomes[0], outcomes[v], variants[v].agreement);
+    if (!differ.empty())
+      differences += std::string(differences.empty() ? " " : "; ") + variants[v].name + ":" + differ;
+  }
+  if (!differences.empty()) {
+    throw std::runtime_error(what + ": left other than the plug-in did:" + differences +
+                             "; no figures are reported");
+  }
+}
+
 // One operation at one N: every variant `runs` times, interleaved, each on a fresh copy of the device.
+// What the first runs left is compared before anything else is measured.
 std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const std::vector<Variant>& variants,
-                             bool uninstall, const Options& options, std::string& differences) {
-  std::vector<std::vector<double>> times(variants.size());
+                             bool uninstall, const Options& options, const std::string& what) {
+  std::vector<std::vector<double>> cpu(variants.size()), wall(variants.size());
   std::vector<Figures> figures(variants.size());
   std::vector<Outcome> outcomes(variants.size());
   auto prepare = [&]() {
@@ -368,16 +458,31 @@ std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const s
   for (int run = 0; run < options.runs; ++run) {
     for (size_t v = 0; v < variants.size(); ++v) {
       const Device device = prepare();
-      times[v].push_back(Run(device, variants[v].args(device)));
+      const Usage usage = Run(device, variants[v].args(device));
+      cpu[v].push_back(usage.cpu);
+      wall[v].push_back(usage.wall);
       if (run == 0) outcomes[v] = Observe(device);
     }
+    if (run == 0) RequireAgreement(variants, outcomes, what);
   }
   for (size_t v = 0; v < variants.size(); ++v) {
-    figures[v].cpu = Median(times[v]);
-    if (v > 0) {
-      const std::string differ = Compare(outcomes[0], outcomes[v], variants[v].bare);
-      if (!differ.empty()) differences += std::string(" ") + variants[v].name + ":" + differ;
+    figures[v].cpu = Median(cpu[v]);
+    figures[v].wall = Median(wall[v]);
+    // As many counted runs as timed ones: the count must not change, the time inside the calls is the
+    // median.
+    std::vector<double> syncTimes;
+    for (int run = 0; run < options.runs; ++run) {
+      const Device device = prepare();
+      const SyncCount count = Syncs(device, variants[v].args(device), work.string() + ".syncs");
+      if (run > 0 && count.calls != figures[v].syncs) {
+        throw std::runtime_error(what + ": " + variants[v].name + " made " +
+                                 std::to_string(figures[v].syncs) + " syncs in one run and " +
+                                 std::to_string(count.calls) + " in another");
+      }
+      figures[v].syncs = count.calls;
+      syncTimes.push_back(count.seconds);
     }
+    figures[v].syncTime = Median(syncTimes);
     if (options.instructions) {
       const Device device = prepare();
       figures[v].profile = Instructions(device, variants[v].args(device), work.string() + ".callgrind");
@@ -386,22 +491,31 @@ std::vector<Figures> Measure(const Device& seeded, const fs::path& work, const s
   return figures;
 }
 
-void PrintTable(const char* operation, const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows,
-                bool instructions) {
-  std::printf("\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor\n\n", operation);
-  std::printf("| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor |");
-  if (instructions) std::printf(" Ir plug-in | Ir floor | Ir bare floor | plug-in / floor | plug-in / bare floor | stand-ins' share |");
-  std::printf("\n|---|---|---|---|---|---|%s\n", instructions ? "---|---|---|---|---|---|" : "");
+void PrintTable(const char* operation, const std::vector<int>& counts,
+                const std::vector<std::vector<Figures>>& rows, bool instructions) {
+  std::printf(
+      "\n%s: CPU ms (median), instructions (millions), ratios plug-in / floor, fsync + fdatasync calls\n\n",
+      operation);
+  std::printf(
+      "| N | CPU plug-in | CPU floor | CPU bare floor | plug-in / floor | plug-in / bare floor | syncs "
+      "plug-in, floor, bare floor |");
+  if (instructions)
+    std::printf(
+        " Ir plug-in | Ir floor | Ir bare floor | plug-in / floor | plug-in / bare floor | stand-ins' share "
+        "|");
+  std::printf("\n|---|---|---|---|---|---|---|%s\n", instructions ? "---|---|---|---|---|---|" : "");
   for (size_t i = 0; i < counts.size(); ++i) {
     const Figures& plugin = rows[i][0];
     const Figures& floor = rows[i][1];
     const Figures& bare = rows[i][2];
-    std::printf("| %d | %s | %s | %s | %s | %s |", counts[i], Millis(plugin.cpu).c_str(), Millis(floor.cpu).c_str(),
-                Millis(bare.cpu).c_str(), Ratio(plugin.cpu, floor.cpu).c_str(), Ratio(plugin.cpu, bare.cpu).c_str());
+    std::printf("| %d | %s | %s | %s | %s | %s | %ld, %ld, %ld |", counts[i], Millis(plugin.cpu).c_str(),
+                Millis(floor.cpu).c_str(), Millis(bare.cpu).c_str(), Ratio(plugin.cpu, floor.cpu).c_str(),
+                Ratio(plugin.cpu, bare.cpu).c_str(), plugin.syncs, floor.syncs, bare.syncs);
     if (instructions) {
       const unsigned long long p = plugin.profile.total, f = floor.profile.total, b = bare.profile.total;
-      std::printf(" %s | %s | %s | %s | %s | %s |", Millions(p).c_str(), Millions(f).c_str(), Millions(b).c_str(),
-                  Ratio(p, f).c_str(), Ratio(p, b).c_str(), Percent(plugin.profile.Platform(), p).c_str());
+      std::printf(" %s | %s | %s | %s | %s | %s |", Millions(p).c_str(), Millions(f).c_str(),
+                  Millions(b).c_str(), Ratio(p, f).c_str(), Ratio(p, b).c_str(),
+                  Percent(plugin.profile.Platform(), p).c_str());
     }
     std::printf("\n");
   }
@@ -416,6 +530,33 @@ void PrintTable(const char* operation, const std::vector<int>& counts, const std
   std::printf("\n");
 }
 
+// The second build against the default one, install by install.
+void PrintHardened(const std::vector<int>& counts, const std::vector<std::vector<Figures>>& rows,
+                   size_t hardened, bool instructions) {
+  std::printf(
+      "\nInstall, hardened / default build: instructions (millions), CPU and wall ms (median), "
+      "fsync + fdatasync calls and ms inside them (median)\n\n| N |");
+  if (instructions) std::printf(" Ir default | Ir hardened | hardened / default |");
+  std::printf(
+      " CPU default | CPU hardened | hardened / default | wall default | wall hardened | hardened / default |"
+      " syncs default | syncs hardened | sync ms default | sync ms hardened |\n"
+      "|---|%s---|---|---|---|---|---|---|---|---|---|\n",
+      instructions ? "---|---|---|" : "");
+  for (size_t i = 0; i < counts.size(); ++i) {
+    const Figures& base = rows[i][0];
+    const Figures& other = rows[i][hardened];
+    std::printf("| %d |", counts[i]);
+    if (instructions) {
+      const unsigned long long b = base.profile.total, h = other.profile.total;
+      std::printf(" %s | %s | %s |", Millions(b).c_str(), Millions(h).c_str(), Ratio(h, b).c_str());
+    }
+    std::printf(" %s | %s | %s | %s | %s | %s | %ld | %ld | %s | %s |\n", Millis(base.cpu).c_str(),
+                Millis(other.cpu).c_str(), Ratio(other.cpu, base.cpu).c_str(), Millis(base.wall).c_str(),
+                Millis(other.wall).c_str(), Ratio(other.wall, base.wall).c_str(), base.syncs, other.syncs,
+                Millis(base.syncTime).c_str(), Millis(other.syncTime).c_str());
+  }
+}
+
 void PrintBreakdown(int count, const Profile& profile) {
   std::printf("\nWhere the plug-in's install goes at N = %d (%s million instructions):\n", count,
               Millions(profile.total).c_str());
@@ -428,7 +569,8 @@ void PrintBreakdown(int count, const Profile& profile) {
   for (const auto& [object, cost] : profile.selfByObject) objects.emplace_back(cost, object);
   std::sort(objects.rbegin(), objects.rend());
   for (const auto& [cost, object] : objects) {
-    if (cost * 100 >= profile.total) std::printf(" %s %s;", fs::path(object).filename().c_str(), Percent(cost, profile.total).c_str());
+    if (cost * 100 >= profile.total)
+      std::printf(" %s %s;", fs::path(object).filename().c_str(), Percent(cost, profile.total).c_str());
   }
   std::printf("\n");
 }
@@ -452,13 +594,18 @@ int main(int argc, char** argv) {
       options.runs = std::max(1, std::atoi(argv[++i]));
     } else if (arg == "--no-instructions") {
       options.instructions = false;
+    } else if (arg == "--hardened" && i + 1 < argc) {
+      options.hardened = argv[++i];
     } else if (arg == "--dir" && i + 1 < argc) {
       options.dir = argv[++i];
     } else if (arg == "--keep") {
       options.keep = true;
     } else {
-      std::fprintf(stderr, "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--dir DIR] [--keep]\n",
-                   argv[0]);
+      std::fprintf(
+          stderr,
+          "usage: %s [--counts 0,100,1000,3000] [--runs 7] [--no-instructions] [--hardened PLUGIN.so]\n"
+          "       [--dir DIR] [--keep]\n",
+          argv[0]);
       return 2;
     }
   }
@@ -471,33 +618,64 @@ int main(int argc, char** argv) {
 
   using Args = std::vector<std::string>;
   // The bare floor is told the facts that the platform answers on the device.
-  const std::vector<Variant> install = {
-      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); }, false},
-      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "install", kNewPackage}; }, false},
+  std::vector<Variant> install = {
+      {"plug-in", [](const Device&) { return PluginCall("install", kNewPackage, kNewAppList); },
+       Agreement::kFull},
+      {"floor",
+       [](const Device&) {
+         return Args{BENCH_FLOOR, "install", kNewPackage};
+       },
+       Agreement::kFull},
       {"bare floor",
        [](const Device& device) {
-         return Args{BENCH_FLOOR, "install", kNewPackage, "--bare", "1.0.0", "pepperplugin",
-                     (device.RwApp() / kNewPackage).string(), kNewAppList};
+         return Args{BENCH_FLOOR,
+                     "install",
+                     kNewPackage,
+                     "--bare",
+                     "1.0.0",
+                     "pepperplugin",
+                     (device.RwApp() / kNewPackage).string(),
+                     kNewAppList};
        },
-       true}};
+       Agreement::kFiles}};
   const std::vector<Variant> uninstall = {
-      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); }, false},
-      {"floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage}; }, false},
-      {"bare floor", [](const Device&) { return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"}; }, true}};
+      {"plug-in", [](const Device&) { return PluginCall("uninstall", kNewPackage, kNewAppList); },
+       Agreement::kFull},
+      {"floor",
+       [](const Device&) {
+         return Args{BENCH_FLOOR, "uninstall", kNewPackage};
+       },
+       Agreement::kFull},
+      {"bare floor",
+       [](const Device&) {
+         return Args{BENCH_FLOOR, "uninstall", kNewPackage, "--bare"};
+       },
+       Agreement::kFiles}};
+  const size_t hardened = install.size();
 
   std::vector<std::vector<Figures>> installs, uninstalls;
   try {
+    if (!options.hardened.empty()) {
+      install.push_back(
+          {"hardened",
+           [&](const Device&) { return PluginCall("install", kNewPackage, kNewAppList, options.hardened); },
+           Agreement::kFilesAndTerminations});
+      std::printf("default build: %s (%s)\nhardened build: %s (%s)\n", BENCH_PLUGIN,
+                  PolicyOf(BENCH_PLUGIN).c_str(), options.hardened.c_str(),
+                  PolicyOf(options.hardened).c_str());
+    }
     for (int count : options.counts) {
-      std::fprintf(stderr, "N = %d: seeding...\n", count);
+      const std::string at = "N = " + std::to_string(count);
+      std::fprintf(stderr, "%s: seeding...\n", at.c_str());
       const Device seeded = Seed(top / ("device-" + std::to_string(count)), count);
-      std::string differences;
-      std::fprintf(stderr, "N = %d: install...\n", count);
-      installs.push_back(Measure(seeded, top / "work", install, false, options, differences));
-      std::fprintf(stderr, "N = %d: uninstall...\n", count);
-      uninstalls.push_back(Measure(seeded, top / "work", uninstall, true, options, differences));
-      std::printf("N = %d: floor and plug-in left %s\n", count,
-                  differences.empty() ? "the same result file, rows, backup, terminations and log line count"
-                                      : ("different:" + differences).c_str());
+      std::fprintf(stderr, "%s: install...\n", at.c_str());
+      installs.push_back(Measure(seeded, top / "work", install, false, options, at + ", install"));
+      std::fprintf(stderr, "%s: uninstall...\n", at.c_str());
+      uninstalls.push_back(Measure(seeded, top / "work", uninstall, true, options, at + ", uninstall"));
+      std::printf(
+          "%s: floor and plug-in left the same result file, rows, backup, terminations and log line "
+          "count%s\n",
+          at.c_str(), options.hardened.empty() ? "" : "; the hardened build the same but for the log");
       if (!options.keep) fs::remove_all(seeded.root);
     }
   } catch (const std::exception& error) {
@@ -506,8 +684,10 @@ int main(int argc, char** argv) {
   }
   PrintTable("Install", options.counts, installs, options.instructions);
   PrintTable("Uninstall", options.counts, uninstalls, options.instructions);
+  if (!options.hardened.empty()) PrintHardened(options.counts, installs, hardened, options.instructions);
   if (options.instructions) {
-    for (size_t i = 0; i < options.counts.size(); ++i) PrintBreakdown(options.counts[i], installs[i][0].profile);
+    for (size_t i = 0; i < options.counts.size(); ++i)
+      PrintBreakdown(options.counts[i], installs[i][0].profile);
   }
   if (options.keep) {
     std::fprintf(stderr, "devices kept under %s\n", top.c_str());

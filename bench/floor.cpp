@@ -18,8 +18,8 @@
 // Only the healthy path is covered: a damaged database or a failed write ends the program with status 1.
 #include <dirent.h>
 #include <dlog.h>
-#include <json/json.h>
 #include <fcntl.h>
+#include <json/json.h>
 #include <pkgmgr-info.h>
 #include <sqlite3.h>
 #include <sys/stat.h>
@@ -42,12 +42,12 @@ namespace {
 
 bool g_bare = false;
 
-#define FLOOR_LOG(fmt, ...)                                                                                \
-  do {                                                                                                     \
-    if (!g_bare) {                                                                                         \
+#define FLOOR_LOG(fmt, ...)                                                                            \
+  do {                                                                                                 \
+    if (!g_bare) {                                                                                     \
       __dlog_print(LOG_ID_MAIN, DLOG_INFO, "KelvoManager", "%s: %s(%d) > " fmt, "floor.cpp", __func__, \
-                   __LINE__, ##__VA_ARGS__);                                                               \
-    }                                                                                                      \
+                   __LINE__, ##__VA_ARGS__);                                                           \
+    }                                                                                                  \
   } while (0)
 
 [[noreturn]] void Fail(const char* what) {
@@ -84,7 +84,7 @@ Paths DevicePaths() {
   return paths;
 }
 
-// ---- database -------------------------------------------------------------------------------------
+// ---- database ---------------------------------------------------------------------------------------------
 
 struct Closer {
   void operator()(sqlite3* db) const { sqlite3_close(db); }
@@ -114,19 +114,23 @@ Stmt Prepare(sqlite3* db, const char* sql) {
 
 void OpenCheck(const Paths& paths) {
   struct stat st;
-  if (access(paths.database.c_str(), F_OK) != 0 || stat(paths.database.c_str(), &st) != 0 || st.st_size == 0) {
+  if (access(paths.database.c_str(), F_OK) != 0 || stat(paths.database.c_str(), &st) != 0 ||
+      st.st_size == 0) {
     Fail("no database");
   }
   Db db = Open(paths.database, SQLITE_OPEN_READWRITE);
   FLOOR_LOG("busy handler set");
   Stmt integrity = Prepare(db.get(), "PRAGMA integrity_check;");
-  const unsigned char* verdict = sqlite3_step(integrity.get()) == SQLITE_ROW ? sqlite3_column_text(integrity.get(), 0) : nullptr;
-  if (verdict == nullptr || std::strcmp(reinterpret_cast<const char*>(verdict), "ok") != 0) Fail("damaged database");
+  const unsigned char* verdict =
+      sqlite3_step(integrity.get()) == SQLITE_ROW ? sqlite3_column_text(integrity.get(), 0) : nullptr;
+  if (verdict == nullptr || std::strcmp(reinterpret_cast<const char*>(verdict), "ok") != 0)
+    Fail("damaged database");
   Stmt tables = Prepare(db.get(), "select name from sqlite_master where type = 'table';");
   int found = 0;
   while (sqlite3_step(tables.get()) == SQLITE_ROW) {
     const char* name = reinterpret_cast<const char*>(sqlite3_column_text(tables.get(), 0));
-    if (name != nullptr && (std::strcmp(name, "pluginTable") == 0 || std::strcmp(name, "versionTable") == 0)) ++found;
+    if (name != nullptr && (std::strcmp(name, "pluginTable") == 0 || std::strcmp(name, "versionTable") == 0))
+      ++found;
   }
   FLOOR_LOG("%s: tables listed", paths.database.c_str());
   if (found != 2) Fail("tables missing");
@@ -198,7 +202,7 @@ void Write(const Paths& paths, char* sql) {
   FLOOR_LOG("written");
 }
 
-// ---- the result document --------------------------------------------------------------------------
+// ---- the result document ----------------------------------------------------------------------------------
 
 // The plug-in must build and write the document with JsonCpp at its default settings (the web runtime
 // reads that layout), so the floor does the same: the library's work is part of what an install cannot
@@ -289,11 +293,13 @@ void SyncDirectory(const std::string& path) {
 
 void PublishResult(const Paths& paths, const std::vector<Record>& records) {
   const std::string text = ResultDocument(records);
-  if (access(paths.resultDir.c_str(), F_OK) != 0 && mkdir(paths.resultDir.c_str(), 0775) != 0) Fail("no result directory");
-  const int out = open(paths.staging.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
+  if (access(paths.resultDir.c_str(), F_OK) != 0 && mkdir(paths.resultDir.c_str(), 0775) != 0)
+    Fail("no result directory");
+  const int out =
+      open(paths.staging.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0644);
   FLOOR_LOG("[%s] opened", paths.staging.c_str());
-  if (out < 0 || write(out, text.data(), text.size()) != static_cast<ssize_t>(text.size()) || fsync(out) != 0 ||
-      close(out) != 0) {
+  if (out < 0 || write(out, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+      fsync(out) != 0 || close(out) != 0) {
     Fail("cannot write the result");
   }
   FLOOR_LOG("[%s] written", paths.staging.c_str());
@@ -301,7 +307,7 @@ void PublishResult(const Paths& paths, const std::vector<Record>& records) {
   SyncDirectory(paths.resultDir);
 }
 
-// ---- package facts ------------------------------------------------------------------------------------
+// ---- package facts ----------------------------------------------------------------------------------------
 
 struct Facts {
   std::string version, kind, root, appList;
@@ -380,11 +386,13 @@ void Install(const Paths& paths, const std::string& pkgid, const char* const* ba
   Record r;
   r.name = PluginName(pkgid);
   FLOOR_LOG("name [%s]", r.name.c_str());
-  const auto recorded = std::lower_bound(before.begin(), before.end(), r.name,
-                                         [](const Record& a, const std::string& name) { return a.name < name; });
+  const auto recorded =
+      std::lower_bound(before.begin(), before.end(), r.name,
+                       [](const Record& a, const std::string& name) { return a.name < name; });
   const bool known = recorded != before.end() && recorded->name == r.name;
   FLOOR_LOG("versions [%s] [%s]", facts.version.c_str(), known ? recorded->version.c_str() : "0.0.0");
-  if (known && recorded->version == facts.version) Fail("nothing to store: the benchmark installs a new version");
+  if (known && recorded->version == facts.version)
+    Fail("nothing to store: the benchmark installs a new version");
 
   if (bareFacts == nullptr) {
     facts.root = AppQuery(pkgid, nullptr);
@@ -405,8 +413,9 @@ void Install(const Paths& paths, const std::string& pkgid, const char* const* ba
   r.pkgid = pkgid;
   r.appList = facts.appList;
   r.systemPath = r.location == 1 ? "" : roResources;
-  FLOOR_LOG("record [%s][%s][%s][%s][%s][%d][%d][%d][%s][%s]", r.name.c_str(), r.version.c_str(), r.path.c_str(),
-            r.pkgid.c_str(), r.entryPoints.c_str(), r.kind, r.force, r.location, r.appList.c_str(), r.systemPath.c_str());
+  FLOOR_LOG("record [%s][%s][%s][%s][%s][%d][%d][%d][%s][%s]", r.name.c_str(), r.version.c_str(),
+            r.path.c_str(), r.pkgid.c_str(), r.entryPoints.c_str(), r.kind, r.force, r.location,
+            r.appList.c_str(), r.systemPath.c_str());
   Write(paths, sqlite3_mprintf("insert or replace into pluginTable values(%Q,%Q,%Q,%Q,%Q,%d,%d,%d,%Q,%Q)",
                                r.name.c_str(), r.version.c_str(), r.path.c_str(), r.pkgid.c_str(),
                                r.entryPoints.c_str(), r.kind, r.force, r.location, r.appList.c_str(),
@@ -437,8 +446,10 @@ int main(int argc, char** argv) {
   const bool install = operation == "install" && (g_bare ? argc == 8 : argc == 3);
   const bool uninstall = operation == "uninstall" && argc == (g_bare ? 4 : 3);
   if (!install && !uninstall) {
-    std::fprintf(stderr, "usage: %s install PKGID [--bare VERSION KIND ROOT APPLIST]\n"
-                         "       %s uninstall PKGID [--bare]\n", argv[0], argv[0]);
+    std::fprintf(stderr,
+                 "usage: %s install PKGID [--bare VERSION KIND ROOT APPLIST]\n"
+                 "       %s uninstall PKGID [--bare]\n",
+                 argv[0], argv[0]);
     return 2;
   }
   const Paths paths = DevicePaths();
