@@ -267,7 +267,7 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
           "mp failed: the database refused the one write of 1 records, none is stored",
           no + "the database refused the write"}},
       {kHardened | kUninstall | kRewritten, {"mp", "mp.a"}, {}, {name, removedBy + "x] successfully"},
-       {"removed mp, mp.a, every record of " + kPackage, "result file rewritten from 0 records"}},
+       {"removed mp, mp.a: every record of package " + kPackage, "result file rewritten from 0 records"}},
       {kHardened | kUninstall, {}, {}, {name, removedBy + "x] successfully"},
        {"refusal: removed nothing: no record carries the package id " + kPackage}},
       // The comparison with the result file builds the document without writing it or terminating.

@@ -364,11 +364,13 @@ class Explainer {
     for (const auto& entry : call_.before.rows) {
       if (call_.after.rows.count(entry.first) == 0) removed.push_back(entry.first);
     }
-    // The hardened build removes by package id, the default build the one record named like the package.
-    const std::string what =
-        !removed.empty() ? "removed " + JoinNames(removed) + (byPackage_ ? ", every record of " + pkgid_ : "")
-        : byPackage_     ? "removed nothing: no record carries the package id " + pkgid_
-                         : "removed nothing: no record is named " + name_;
+    // The hardened build removes by package id, the default build the one record named like the package;
+    // the package id is named where the two differ.
+    const bool beyondName = byPackage_ && removed != std::vector<std::string>{name_};
+    const std::string what = !removed.empty() ? "removed " + JoinNames(removed) +
+                                                    (beyondName ? ": every record of package " + pkgid_ : "")
+                             : byPackage_ ? "removed nothing: no record carries the package id " + pkgid_
+                                          : "removed nothing: no record is named " + name_;
     const std::vector<std::string> stay = NamesOf(call_.after.RowsOf(pkgid_));
     if (!stay.empty()) {
       Add(Note::kWarning, what + (stay.size() == 1 ? "; the record " : "; the records ") + JoinNames(stay) +
