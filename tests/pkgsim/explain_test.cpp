@@ -74,7 +74,7 @@ TEST(LogTextsTest, EveryTextPkgsimReadsIsLoggedByItsFunction) {
 const std::string kPackage = "com.korvane.tv.pepper.mp";
 const std::string kItem = "[" + kPackage + "]key:[" + kTypeKey + "]value:[";
 enum Flags { kNoDatabase = 1, kResultMissing = 2, kRewritten = 4, kUninstall = 8, kElsewhere = 16,
-  kCased = 32, kForUser = 64 };
+  kCased = 32, kForUser = 64, kHardened = 128 };
 // clang-format on
 
 // The records of a snapshot: "name" or "name:isUpdate", all of the call's package.
@@ -95,7 +95,7 @@ std::string Restored(const std::string& why) {
 // The notes of one call each: "warning: " and "refusal: " mark their kinds. Flags: the database or the
 // result file missing before the call, the result file rewritten by it, an uninstall, the items on an
 // application that the package id does not name, their key differing from the plug-in's in case, the
-// package installed for user 5001 only.
+// package installed for user 5001 only, the hardened build called.
 TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
   // clang-format off
   const std::string name = "GetPluginNameByID > pluginName[mp]", no = "refusal: not stored: ",
@@ -112,6 +112,11 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
       unused = "]app whitelist empty OR Only RO TPK,ignore its applist value!",
       unread = "warning: the package's version cannot be read: the plug-in goes on with 0.0.0",
       cleared = "m_RewriteJson > update fail!clear DB for next boot";
+  const std::string same = "m_checkTpk > tpkVersion[1.2.0], localVersion[1.2.0]",
+      one = "InsertPluginDataList > insert into pluginTable ",
+      removedBy = "DeletePackageData > remove the records of [", rebuild = "m_RebuildLostRecords > rebuild pkgid = [",
+      lost = "m_RebuildLostRecords > both database files were damaged: rebuild the records from the installed "
+          "packages";
   struct Case {
     int flags;
     Lines before, after;  // records
@@ -250,6 +255,69 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
        {"warning: removed mp; the records mp.a, mp.b of this package stay"}},
       {kUninstall, {"mp"}, {"mp"}, {name, "RemoveTpk > remove DB record fail"},
        {"refusal: removed nothing: the database refused the deletion"}},
+      // The hardened build's own decisions.
+      {kHardened | kRewritten, {}, {"tv.audio", "tv.video"}, {type + "0]", name,
+          "m_checkTpk > tpkVersion[2.0.1], localVersion[0.0.0]", "m_checkTpk > insert new data:name[tv.audio]version[2.0.1]",
+          "m_checkTpk > insert new data:name[tv.video]version[2.0.1]", one + "successfully, 2 records in one write"},
+       {"kind xwalk (\"\"), plug-in name mp", "stored tv.audio, tv.video in one write: version 2.0.1, compared "
+          "with 0.0.0 as no record is named mp: an xwalk package is stored again at every install",
+          "result file rewritten from 2 records"}},
+      {kHardened, {}, {}, {type + "1]", name, "m_checkTpk > insert new data:name[mp]version[1.0.0]",
+          one + "fail!! none of the 1 records stored"}, {"kind pepper (\"\"), plug-in name mp", "warning: storing "
+          "mp failed: the database refused the one write of 1 records, none is stored",
+          no + "the database refused the write"}},
+      {kHardened | kUninstall | kRewritten, {"mp", "mp.a"}, {}, {name, removedBy + "x] successfully"},
+       {"removed mp, mp.a: every record of package " + kPackage, "result file rewritten from 0 records"}},
+      {kHardened | kUninstall, {}, {}, {name, removedBy + "x] successfully"},
+       {"refusal: removed nothing: no record carries the package id " + kPackage}},
+      // The comparison with the result file builds the document without writing it or terminating.
+      {kHardened, {"mp"}, {"mp"}, {same, "m_checkTpk > tpkVersion == localVersion", publish + "mp]tizenid:[A.app]",
+          "MakeUpgradeWebapiJson > [mp" + unused}, {no + "version 1.2.0 equals the recorded one"}},
+      {kHardened | kRewritten, {"mp"}, {"mp"}, {same, "m_checkTpk > tpkVersion == localVersion",
+          publish + "mp]tizenid:[B.app]", "m_ResultMatchesRecords > result file differs from the records, "
+          "rewrite it", publish + "mp]tizenid:[A.app]", guard + "vex_terminate_app [A.app] success"},
+       {no + "version 1.2.0 equals the recorded one", "result file rewritten from 1 record (it differed from "
+          "the records); each rewrite terminates the allow-listed applications of every record:",
+          "  A.app terminated: allow-listed by mp"}},
+      {kHardened, {}, {}, {"m_WriteUpgradeWebapiToLocal > write json to local path[/r] fail!", "m_RewriteJson > "
+          "update fail!records kept, the result file is written again at the next call"}, {nothing, "warning: "
+          "the result file could not be written (write json to local path[/r] fail!): the plug-in kept its "
+          "records, and its next call writes the file again"}},
+      {kHardened, {}, {}, {"m_RewriteJson > records unreadable, result file left as it is"},
+       {nothing, "warning: the records could not be read: the plug-in left the result file as it is"}},
+      // Both files lost: the rebuilt packages' own steps are no part of the call's package.
+      {kHardened | kRewritten, {}, {"mp", "tv"}, {"m_validCheck > database /db's size is 0",
+          "m_validCheck > database /bak's size is 0", "m_openDBCheck > db and backup db are not valid, now "
+          "create db", lost, rebuild + "a.pepper.tv], version = [1.0.0]", "GetPluginNameByID > pluginName[tv]",
+          "m_checkTpk > insert new data:name[tv]version[1.0.0]", one + "successfully, 1 records in one write",
+          rebuild + "b.pepper.x], version = [2.0.0]", "GetPluginType > get plugin type fail!",
+          "HandleSingleTpk > pkgid = [" + kPackage + "], version = [1.0.0]", type + "1]", name,
+          "m_checkTpk > tpkVersion[1.0.0], localVersion[0.0.0]", "m_checkTpk > insert new data:name[mp]version[1.0.0]"},
+       {"warning: the database (an empty file) and its backup were not valid: the plug-in deleted it and "
+          "created an empty one; its records are rebuilt from the installed packages",
+          "kind pepper (\"\"), plug-in name mp", "warning: records rebuilt from the installed packages that "
+          "carry the type key: a.pepper.tv 1.0.0 (tv), b.pepper.x 2.0.0 (nothing stored)",
+          "stored mp: version 1.0.0, no record of mp before", "result file rewritten from 2 records"}},
+      {kHardened | kNoDatabase, {}, {}, {lost}, {"no other installed package carries the type key: no record "
+          "to rebuild", nothing}},
+      {kHardened, {}, {}, {lost, "GetPackagesWithMetadata > create metadata filter fail!!"},
+       {"warning: the installed packages could not be listed: no record was rebuilt", nothing}},
+      {kHardened, {}, {}, {"callback_db > database is lock now,can not write/read.count is [2]",
+          "m_openDBCheck > database [/db] stays busy: neither file restored nor created, the call gives up",
+          "m_modifyTable > database [/db] stays busy: nothing written, nothing restored"},
+       {"warning: the database stayed busy (another process held it): the plug-in gave up the call without "
+          "restoring or creating either database file", "warning: the database stayed busy (another process "
+          "held it): the plug-in gave up the write, nothing written and nothing restored", nothing}},
+      {kHardened, {}, {}, {"m_validCheck > /db DB : pluginTable has other columns than the plug-in's own, "
+          "counted as damaged", checked + "1], version table check[1], plugin table check[0]", backup,
+          "m_versionCpBakUp > copy of [/bak] to [/db] not completed, [/db] left as it was", backup,
+          "m_versionCpBakUp > copy of [/db] to [/bak] not completed, [/bak] left as it was", backup,
+          "m_versionCpBakUp > The copy Size is [0], invalid!"},
+       {"warning: the database was damaged (its plug-in table has other columns than the plug-in's own) and "
+          "restoring it from its backup failed: the copy of /bak to /db was not completed; the plug-in left "
+          "/db as it was", "warning: the copy of /db to /bak was not completed; the plug-in left /bak as it "
+          "was", "warning: a database copy found its source empty and left its destination as it was",
+          nothing}},
   };
   // A failure to write the result file, named when logged, then the clearing of the records.
   for (const std::string& failure : Lines{"", "m_IsFileSymbolLink > path [/r] is a symbol link! there's "
@@ -276,6 +344,7 @@ TEST(ExplainTest, EachNoteComesFromTheLogLinesThatGiveIt) {
     call.manifest = {kPackage, "1.0.0", {{call.appid, {}}}};
     call.items = {{c.flags & kCased ? kNamespace + "Upgradable_webapi_type" : kTypeKey, "pepperplugin"}};
     call.log = ReadLog(path, 0, 4242);
+    call.policy = c.flags & kHardened ? "hardened" : "default";
     call.before.dbExists = !(c.flags & kNoDatabase);
     call.before.rows = Rows(c.before);
     call.after.rows = Rows(c.after);

@@ -228,7 +228,8 @@ TEST_F(PkgsimTest, ShowSaysWhenTheDatabaseIsDamagedAndTheResultFileStale) {
   Expect(
       0, {"--quiet", "install", kPackages + "signage"},
       {"  warning: the database was damaged (fails SQLite's integrity check): the plug-in restored it from",
-       "  result file rewritten from 2 records", "  compared with the backup, which held 1 record: the "
+       "  result file rewritten from 2 records",
+       "  compared with the backup, which held 1 record: the "
        "database was unreadable before\n  + signage"});
 }
 
@@ -245,7 +246,10 @@ TEST_F(PkgsimTest, RegistrationsAndUsersDecideWhatThePluginGetsAndSees) {
   const std::string home = device_ + "/opt/usr/home/owner";
   // No database exists yet although signage is installed (by a plug-in stand-in): the hardened build rebuilds
   // its record from the installed packages, the default build starts empty.
-  const std::string rebuilt = WUP_HARDENED ? "signage, " : "";
+  const std::string rebuilt = WUP_HARDENED
+                                  ? "  records rebuilt from the installed packages that carry the type key: "
+                                    "com.korvane.tv.pepper.signage 1.0.0 (signage)\n"
+                                  : "";
   const struct {
     std::string registration;  // the registration file's content for this step
     int status;
@@ -265,7 +269,7 @@ TEST_F(PkgsimTest, RegistrationsAndUsersDecideWhatThePluginGetsAndSees) {
           "WUP_POLICY_NAME)\ninstall "}},
       {"type=\"metadata\";name=\"" + ns + "/upgradable_webapi_type\";path=\"" + path + "\"\n", 0,
           {"--quiet", "install", kPackages + "mediaplayer"}, {"calling PKGMGR_MDPARSER_PLUGIN_INSTALL(" +
-          kMediaPlayer + ", " + kMediaPlayer + ", 1 item)\n", "  stored " + rebuilt + "mediaplayer"}},
+          kMediaPlayer + ", " + kMediaPlayer + ", 1 item)\n", rebuilt + "  stored mediaplayer"}},
       {"type=\"metadata\";name=\"" + ns + "/\";path=\"" + path + "\"\n", 0, {"--quiet", "install", signage},
           {"plug-in registration webapi-upgrade-plugin.info: " + skips, "the plug-in is not called: " + skips,
           "changes:\n  plug-in records: no change\n"}},

@@ -45,6 +45,7 @@ std::string ValidityFailure(const LogEntry& entry) {
       {LogText::kDbUnopened, "cannot be opened"},
       {LogText::kDbIntegrity, "fails SQLite's integrity check"},
       {LogText::kDbTablesUnlisted, "its tables cannot be listed"},
+      {LogText::kOtherColumns, "its plug-in table has other columns than the plug-in's own"},
   };
   for (const auto& [text, reason] : kReasons) {
     if (entry.Says(text)) return reason;
@@ -72,10 +73,17 @@ class Explainer {
     for (const LogEntry& entry : call_.log) {
       if (!entry.From(LogText::kWalkFile) && !entry.From(LogText::kFileError)) FlushFiles();
       if (!entry.function.empty() && !FromEntryPoint(entry)) handled_ = true;
-      Decision(entry);
+      if (!Rebuild(entry)) Decision(entry);
       Publication(entry);
     }
     FlushFiles();
+    RebuildNote();
+    if (!Published()) {
+      // The hardened build's comparison with the result file builds the document without writing it.
+      apps_.clear();
+      unusedAllowLists_.clear();
+    }
+    for (const std::string& text : unusedAllowLists_) Add(Note::kInfo, text);
     if (!handled_) {
       NotHandled();
     } else if (call_.operation == Operation::kUninstall) {
@@ -94,7 +102,17 @@ class Explainer {
     int terminated = 0, failed = 0, foreground = 0, unknown = 0;
   };
 
+  struct Rebuilt {
+    std::string pkgid, version;
+    std::vector<std::string> names;  // the records it gave
+  };
+
   void Add(Note::Kind kind, const std::string& text) { notes_.push_back({kind, text}); }
+  bool Hardened() const { return call_.policy == "hardened"; }
+  bool LogSays(LogText text) const {
+    return std::any_of(call_.log.begin(), call_.log.end(),
+                       [&](const LogEntry& entry) { return entry.Says(text); });
+  }
   void Refuse(const std::string& text) {
     if (refused_) return;
     refused_ = true;
@@ -112,9 +130,12 @@ class Explainer {
           if (!call_.before.dbExists) {
             Add(Note::kInfo, "no database yet: the plug-in created an empty one");
           } else {
-            Add(Note::kWarning, "the database" + why +
-                                    " and its backup were not valid: the plug-in deleted it and created an "
-                                    "empty one; every record it held is gone");
+            Add(Note::kWarning,
+                "the database" + why +
+                    " and its backup were not valid: the plug-in deleted it and created an "
+                    "empty one; " +
+                    (LogSays(LogText::kRecordsLost) ? "its records are rebuilt from the installed packages"
+                                                    : "every record it held is gone"));
           }
           break;
         case DatabaseEvent::kRestored:
@@ -126,7 +147,26 @@ class Explainer {
               "again");
           break;
         case DatabaseEvent::kTruncatedCopy:
-          Add(Note::kWarning, "a database copy found its source empty and left its destination truncated");
+          Add(Note::kWarning,
+              std::string("a database copy found its source empty and left its destination ") +
+                  (Hardened() ? "as it was" : "truncated"));
+          break;
+        case DatabaseEvent::kBusyGaveUp:
+          Add(Note::kWarning,
+              "the database stayed busy (another process held it): the plug-in gave up the call without "
+              "restoring or creating either database file");
+          break;
+        case DatabaseEvent::kBusyNothingWritten:
+          Add(Note::kWarning,
+              "the database stayed busy (another process held it): the plug-in gave up the write, nothing "
+              "written and nothing restored");
+          break;
+        case DatabaseEvent::kCopyIncomplete:
+          Add(Note::kWarning, (event.reason.empty() ? ""
+                                                    : "the database was damaged" + why +
+                                                          " and restoring it from its backup failed: ") +
+                                  std::string("the copy of ") + event.from + " to " + event.to +
+                                  " was not completed; the plug-in left " + event.to + " as it was");
           break;
       }
     }
@@ -177,6 +217,16 @@ class Explainer {
     }
     if (entry.Says(T::kInserted)) {
       inserted_.push_back(entry.Between(T::kInserted, T::kInsertedVersion));
+    } else if (entry.Says(T::kStoredInOneWrite)) {
+      oneWrite_ = true;
+    } else if (entry.Says(T::kNoneStored)) {
+      Add(Note::kWarning, "storing " + JoinNames(inserted_) +
+                              " failed: the database refused the one write of " +
+                              entry.Between(T::kNoneStored, T::kNoneStoredEnd) + " records, none is stored");
+      inserted_.clear();
+      noneStored_ = true;
+    } else if (entry.Says(T::kPackageRecordsRemoved)) {
+      byPackage_ = true;
     } else if (entry.Says(T::kInsertFailed) && !inserted_.empty()) {
       Add(Note::kWarning, "storing " + inserted_.back() + " failed: the database refused it");
       inserted_.pop_back();  // not stored after all
@@ -187,6 +237,48 @@ class Explainer {
     } else if (entry.Says(T::kRemoveFailed)) {
       Refuse("the database refused the deletion");
     }
+  }
+
+  // The lines of a rebuild of lost records (hardened build): each installed package goes through the
+  // package's own steps, up to the call's own package (or its removal); false for a line of the call itself.
+  bool Rebuild(const LogEntry& entry) {
+    using T = LogText;
+    if (entry.Says(T::kRecordsLost)) {
+      recordsLost_ = true;
+    } else if (entry.Says(T::kPackagesUnlisted)) {
+      packagesUnlisted_ = true;
+    } else if (entry.Says(T::kRebuilt)) {
+      rebuilding_ = true;
+      rebuilt_.push_back(
+          {entry.Between(T::kRebuilt, T::kRebuiltVersion), entry.After(T::kRebuiltVersion), {}});
+    } else if (entry.Says(T::kHandlingPackage) || entry.Says(T::kPackageRecordsRemoved)) {
+      rebuilding_ = false;
+      return false;
+    } else if (!rebuilding_) {
+      return false;
+    } else if (entry.Says(T::kInserted)) {
+      rebuilt_.back().names.push_back(entry.Between(T::kInserted, T::kInsertedVersion));
+    } else if (entry.Says(T::kNoneStored)) {
+      rebuilt_.back().names.clear();
+    }
+    return true;
+  }
+
+  void RebuildNote() {
+    if (!recordsLost_) return;
+    if (packagesUnlisted_) {
+      Add(Note::kWarning, "the installed packages could not be listed: no record was rebuilt");
+      return;
+    }
+    std::vector<std::string> packages;
+    for (const Rebuilt& package : rebuilt_) {
+      packages.push_back(package.pkgid + " " + package.version + " (" +
+                         (package.names.empty() ? "nothing stored" : JoinNames(package.names)) + ")");
+    }
+    Add(call_.before.dbExists ? Note::kWarning : Note::kInfo,
+        packages.empty()
+            ? "no other installed package carries the type key: no record to rebuild"
+            : "records rebuilt from the installed packages that carry the type key: " + JoinNames(packages));
   }
 
   std::string TypeFailure() const {
@@ -247,11 +339,14 @@ class Explainer {
   void Storing() {
     if (refused_) return;
     if (inserted_.empty()) {
-      Refuse(kind_ == "xwalk" ? "no description file of the package describes an extension"
-                              : "the plug-in stored nothing");
+      Refuse(noneStored_        ? "the database refused the write"
+             : kind_ == "xwalk" ? "no description file of the package describes an extension"
+                                : "the plug-in stored nothing");
       return;
     }
-    std::string text = "stored " + JoinNames(inserted_) + ": version " + tpkVersion_;
+    std::string text = "stored " + JoinNames(inserted_) +
+                       (oneWrite_ && inserted_.size() > 1 ? " in one write" : "") + ": version " +
+                       tpkVersion_;
     if (call_.before.rows.count(name_) != 0) {
       text += " replaces the recorded " + localVersion_;
     } else if (std::find(inserted_.begin(), inserted_.end(), name_) == inserted_.end()) {
@@ -269,8 +364,13 @@ class Explainer {
     for (const auto& entry : call_.before.rows) {
       if (call_.after.rows.count(entry.first) == 0) removed.push_back(entry.first);
     }
-    const std::string what =
-        removed.empty() ? "removed nothing: no record is named " + name_ : "removed " + JoinNames(removed);
+    // The hardened build removes by package id, the default build the one record named like the package;
+    // the package id is named where the two differ.
+    const bool beyondName = byPackage_ && removed != std::vector<std::string>{name_};
+    const std::string what = !removed.empty() ? "removed " + JoinNames(removed) +
+                                                    (beyondName ? ": every record of package " + pkgid_ : "")
+                             : byPackage_ ? "removed nothing: no record carries the package id " + pkgid_
+                                          : "removed nothing: no record is named " + name_;
     const std::vector<std::string> stay = NamesOf(call_.after.RowsOf(pkgid_));
     if (!stay.empty()) {
       Add(Note::kWarning, what + (stay.size() == 1 ? "; the record " : "; the records ") + JoinNames(stay) +
@@ -287,9 +387,9 @@ class Explainer {
       const std::string name = entry.Before(T::kAllowListUnused);
       const auto row = call_.after.rows.find(name);
       if (row != call_.after.rows.end() && row->second[kPkgid] == pkgid_) {
-        Add(Note::kInfo,
+        unusedAllowLists_.push_back(
             "allow-list of " + name + " not used: " +
-                (row->second[kLocation] == "0" ? "it is in the read-only image only" : "it is empty"));
+            (row->second[kLocation] == "0" ? "it is in the read-only image only" : "it is empty"));
       }
     } else if (entry.Says(T::kPublished)) {
       App& app = AppNamed(entry.After(T::kPublishedApp));
@@ -305,7 +405,17 @@ class Explainer {
       if (entry.Says(T::kTerminated)) ++app.terminated;
       if (entry.Says(T::kTerminateFailed)) ++app.failed;
     }
-    if (entry.Says(T::kClearedDb)) {
+    if (entry.Says(T::kStaleResult)) {
+      // What was built before was the comparison's document; the rewrite builds it again.
+      stale_ = true;
+      apps_.clear();
+      unusedAllowLists_.clear();
+      current_ = static_cast<std::size_t>(-1);
+    } else if (entry.Says(T::kRecordsUnreadable)) {
+      recordsUnreadable_ = true;
+    } else if (entry.Says(T::kKeptRecords)) {
+      keptRecords_ = true;
+    } else if (entry.Says(T::kClearedDb)) {
       clearedDb_ = true;
     } else if (entry.Says(T::kResultFailed) && writeFailure_.empty()) {
       writeFailure_ = entry.message;
@@ -320,15 +430,28 @@ class Explainer {
     return apps_.back();
   }
 
+  // The result document was built to be written (and not only to be compared with the file).
+  bool Published() const {
+    return call_.after.ResultRewrittenSince(call_.before) || clearedDb_ || keptRecords_ ||
+           !writeFailure_.empty();
+  }
+
   void Rewrite() {
     const bool rewritten = call_.after.ResultRewrittenSince(call_.before);
+    const std::string failure =
+        "the result file could not be written" + (writeFailure_.empty() ? "" : " (" + writeFailure_ + ")");
     if (clearedDb_) {
       Add(Note::kWarning,
-          "the result file could not be written" + (writeFailure_.empty() ? "" : " (" + writeFailure_ + ")") +
-              ": the plug-in deleted all its records, so that every package is stored again later");
+          failure + ": the plug-in deleted all its records, so that every package is stored again later");
+    } else if (keptRecords_) {
+      Add(Note::kWarning,
+          failure + ": the plug-in kept its records, and its next call writes the file again");
+    } else if (recordsUnreadable_) {
+      Add(Note::kWarning, "the records could not be read: the plug-in left the result file as it is");
     } else if (rewritten) {
       const bool changed = !inserted_.empty() || call_.operation == Operation::kUninstall;
-      const std::string why = changed                      ? ""
+      const std::string why = stale_                       ? " (it differed from the records)"
+                              : changed                    ? ""
                               : !call_.before.resultExists ? " (it was missing)"
                                                            : " (a rewrite was still pending in this process)";
       Add(Note::kInfo,
@@ -367,6 +490,12 @@ class Explainer {
   std::size_t current_ = static_cast<std::size_t>(-1);
   bool clearedDb_ = false;
   std::string writeFailure_;
+  std::vector<std::string> unusedAllowLists_;  // notes, given once the document is known to be written
+  // the hardened build's own decisions
+  bool oneWrite_ = false, noneStored_ = false, byPackage_ = false;
+  bool stale_ = false, keptRecords_ = false, recordsUnreadable_ = false;
+  bool recordsLost_ = false, packagesUnlisted_ = false, rebuilding_ = false;
+  std::vector<Rebuilt> rebuilt_;
 };
 
 }  // namespace
@@ -379,28 +508,46 @@ void PrintNotes(const std::vector<Note>& notes, std::ostream& out) {
 }
 
 std::vector<DatabaseEvent> DatabaseEvents(const Log& log) {
+  using T = LogText;
   std::vector<DatabaseEvent> events;
   std::string reason;
   bool busy = false;
+  bool restoring = false;  // the entry before was the copy of a restore
   auto found = [&](DatabaseEvent::Kind kind) {
-    events.push_back({kind, busy ? "busy: another process held it" : reason});
+    events.push_back({kind, busy ? "busy: another process held it" : reason, "", ""});
     reason.clear();
     busy = false;
   };
   for (const LogEntry& entry : log) {
-    if (entry.Says(LogText::kBusy)) {
+    const bool copyOfRestore = restoring;
+    restoring = false;
+    if (entry.Says(T::kBusy)) {
       busy = true;
-    } else if (entry.Says(LogText::kDbPassed)) {
+    } else if (entry.Says(T::kDbPassed)) {
       found(DatabaseEvent::kPassed);
-    } else if (entry.Says(LogText::kDbCreated)) {
+    } else if (entry.Says(T::kDbCreated)) {
       found(DatabaseEvent::kCreated);
-    } else if (entry.Says(LogText::kStatementRecovered)) {
+    } else if (entry.Says(T::kStatementRecovered)) {
       found(DatabaseEvent::kRecoveredStatement);
-    } else if (entry.Says(LogText::kBackupCopy) && !reason.empty()) {
+    } else if (entry.Says(T::kBackupCopy) && !reason.empty()) {
       // The copy follows a failed check only when the backup replaces the main file.
       found(DatabaseEvent::kRestored);
-    } else if (entry.Says(LogText::kCopyTruncated)) {
+      restoring = true;
+    } else if (entry.Says(T::kCopyTruncated)) {
       found(DatabaseEvent::kTruncatedCopy);
+    } else if (entry.Says(T::kBusyGaveUp)) {
+      found(DatabaseEvent::kBusyGaveUp);
+    } else if (entry.Says(T::kBusyNothingWritten)) {
+      found(DatabaseEvent::kBusyNothingWritten);
+    } else if (entry.Says(T::kCopyIncomplete)) {
+      DatabaseEvent copy{DatabaseEvent::kCopyIncomplete, "",
+                         entry.Between(T::kCopyIncomplete, T::kCopyIncompleteTo),
+                         entry.Between(T::kCopyIncompleteTo, T::kCopyIncompleteEnd)};
+      if (copyOfRestore) {  // the restore it belongs to did not happen
+        copy.reason = events.back().reason;
+        events.pop_back();
+      }
+      events.push_back(copy);
     } else if (reason.empty()) {
       reason = ValidityFailure(entry);
     }

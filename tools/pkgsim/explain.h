@@ -35,17 +35,29 @@ struct Call {
   Log log;  // the plug-in's entries of this call
   Snapshot before;
   Snapshot after;
+  std::string policy;  // the build of the plug-in that was called (WUP_POLICY_NAME), "" when unknown
 };
 
 std::vector<Note> Explain(const Call& call);
 void PrintNotes(const std::vector<Note>& notes, std::ostream& out);
 
 // What the plug-in's checks of its database found, in log order: each time it opened the database
-// (passed, restored from the backup, or created empty) and each recovery inside a statement.
+// (passed, restored from the backup, created empty, or, in the hardened build, left alone while another
+// process held it), each recovery inside a statement, and copies that did not go as planned.
 struct DatabaseEvent {
-  enum Kind { kPassed, kRestored, kCreated, kRecoveredStatement, kTruncatedCopy };
+  enum Kind {
+    kPassed,
+    kRestored,
+    kCreated,
+    kRecoveredStatement,
+    kTruncatedCopy,
+    kBusyGaveUp,          // the open check: neither file restored nor created
+    kBusyNothingWritten,  // a write: nothing written, nothing restored
+    kCopyIncomplete,      // the destination left as it was
+  };
   Kind kind;
-  std::string reason;  // why the database was found bad, when the log says
+  std::string reason;    // why the database was found bad, when the log says
+  std::string from, to;  // the files of a copy not completed
 };
 std::vector<DatabaseEvent> DatabaseEvents(const Log& log);
 

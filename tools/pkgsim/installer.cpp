@@ -196,7 +196,8 @@ void Installer::RunPlugin(const Registration& entry, Operation operation, const 
     MetadataItems items = ItemsWithPrefix(app, entry.name);
     if (items.empty()) continue;
     called = true;
-    Call call{operation, manifest, app.appid, std::move(items), {}, Snapshot::Take(device_), {}};
+    Call call{operation, manifest,    app.appid, std::move(items), {}, Snapshot::Take(device_),
+              {},        entry.policy};
     out_ << "calling " << EntryPointName(operation) << "(" << manifest.package << ", " << app.appid << ", "
          << Items(call.items.size()) << ")\n";
     const int result = plugin.Call(operation, manifest.package, app.appid, call.items);

@@ -59,6 +59,14 @@ const std::vector<LogPattern>& LogPatterns() {
        ".AppBinaryManager.db is broken!"},
       {T::kStatementRecovered, "m_recoverDBExecute", P::kStart,
        ".AppBinaryManager.db is broken!"},
+      {T::kOtherColumns, "m_validCheck", P::kEnd,
+       " DB : pluginTable has other columns than the plug-in's own, counted as damaged"},
+      {T::kBusyGaveUp, "m_openDBCheck", P::kEnd,
+       "] stays busy: neither file restored nor created, the call gives up"},
+      {T::kBusyNothingWritten, "m_modifyTable", P::kEnd, "] stays busy: nothing written, nothing restored"},
+      {T::kCopyIncomplete, "m_versionCpBakUp", P::kStart, "copy of ["},
+      {T::kCopyIncompleteTo, "m_versionCpBakUp", P::kWithin, "] to ["},
+      {T::kCopyIncompleteEnd, "m_versionCpBakUp", P::kWithin, "] not completed, ["},
 
       {T::kNoMetadata, "m_CheckTPKByMetadata", P::kWithin, "] NO <"},
       {T::kNoMetadataEnd, "m_CheckTPKByMetadata", P::kEnd, "> metadata"},
@@ -92,6 +100,18 @@ const std::vector<LogPattern>& LogPatterns() {
       {T::kInsertFailed, "InsertPluginData", P::kWhole, "insert into pluginTable fail!!"},
       {T::kCheckFailed, "HandleSingleTpk", P::kEnd, "]fail"},
       {T::kRemoveFailed, "RemoveTpk", P::kWhole, "remove DB record fail"},
+      {T::kHandlingPackage, "HandleSingleTpk", P::kStart, "pkgid = ["},
+      {T::kStoredInOneWrite, "InsertPluginDataList", P::kStart, "insert into pluginTable successfully, "},
+      {T::kStoredInOneWriteEnd, "InsertPluginDataList", P::kEnd, " records in one write"},
+      {T::kNoneStored, "InsertPluginDataList", P::kStart, "insert into pluginTable fail!! none of the "},
+      {T::kNoneStoredEnd, "InsertPluginDataList", P::kEnd, " records stored"},
+      {T::kPackageRecordsRemoved, "DeletePackageData", P::kStart, "remove the records of ["},
+      {T::kRecordsLost, "m_RebuildLostRecords", P::kWhole,
+       "both database files were damaged: rebuild the records from the installed packages"},
+      {T::kPackagesUnlisted, "GetPackagesWithMetadata", P::kWhole, "create metadata filter fail!!"},
+      {T::kPackagesUnlisted, "GetPackagesWithMetadata", P::kStart, "list the applications with <"},
+      {T::kRebuilt, "m_RebuildLostRecords", P::kStart, "rebuild pkgid = ["},
+      {T::kRebuiltVersion, "m_RebuildLostRecords", P::kWithin, "], version = ["},
 
       {T::kAllowListUnused, "MakeUpgradeWebapiJson", P::kEnd,
        "]app whitelist empty OR Only RO TPK,ignore its applist value!"},
@@ -108,6 +128,10 @@ const std::vector<LogPattern>& LogPatterns() {
       {T::kResultFailed, "m_IsFileSymbolLink", P::kEnd, "] fail"},  // lstat
       {T::kResultFailed, "m_IsFileSymbolLink", P::kEnd, "there's security risk!"},
       {T::kClearedDb, "m_RewriteJson", P::kWhole, "update fail!clear DB for next boot"},
+      {T::kKeptRecords, "m_RewriteJson", P::kWhole,
+       "update fail!records kept, the result file is written again at the next call"},
+      {T::kRecordsUnreadable, "m_RewriteJson", P::kWhole, "records unreadable, result file left as it is"},
+      {T::kStaleResult, "m_ResultMatchesRecords", P::kWhole, "result file differs from the records, rewrite it"},
       // clang-format on
   };
   return patterns;

@@ -28,6 +28,12 @@ enum class LogText {
   kBackupCopy,
   kCopyTruncated,
   kStatementRecovered,
+  kOtherColumns,        // hardened: a plug-in table of another shape counts as damaged
+  kBusyGaveUp,          // hardened: the open check leaves both files and gives up
+  kBusyNothingWritten,  // hardened: a write gives up
+  kCopyIncomplete,      // hardened: a copy that leaves its destination as it was; "copy of [" SOURCE
+  kCopyIncompleteTo,    // "] to [" DEST
+  kCopyIncompleteEnd,   // "] not completed, ["
   // the package and the handler's decision
   kNoMetadata,
   kNoMetadataEnd,
@@ -60,6 +66,17 @@ enum class LogText {
   kInsertFailed,
   kCheckFailed,
   kRemoveFailed,
+  kHandlingPackage,   // the call's own package, after any rebuild
+  kStoredInOneWrite,  // hardened: all records of a package in one write
+  kStoredInOneWriteEnd,
+  kNoneStored,
+  kNoneStoredEnd,
+  kPackageRecordsRemoved,  // hardened: the uninstall removes by package id
+  // hardened: records rebuilt from the installed packages after both database files were lost
+  kRecordsLost,
+  kPackagesUnlisted,
+  kRebuilt,
+  kRebuiltVersion,
   // the result file and the applications it names
   kAllowListUnused,
   kPublished,
@@ -70,6 +87,9 @@ enum class LogText {
   kTerminateFailed,
   kResultFailed,
   kClearedDb,
+  kKeptRecords,        // hardened: a failed result write keeps the records
+  kRecordsUnreadable,  // hardened: the result file stays as it is
+  kStaleResult,        // hardened: the result file differs from the records
 };
 
 // One of them: a literal part of the format string that the plug-in logs it with, where in the message

@@ -25,7 +25,8 @@ namespace {
 
 struct Probe {
   std::string registrations;  // as the installer reads them, with the device's paths
-  DatabaseEvent opened{DatabaseEvent::kPassed, ""};
+  DatabaseEvent opened{DatabaseEvent::kPassed, "", "", ""};
+  std::string policy;    // the build of the plug-in probed
   bool checked = false;  // the plug-in opened its database
   Snapshot after;
   bool rebuilt = false;  // the plug-in rebuilt the result file
@@ -44,6 +45,7 @@ Probe ProbeDevice(const Device& device, const std::string& plugin, const PluginR
   const auto loaded = std::find_if(registrations.entries.begin(), registrations.entries.end(),
                                    [](const Registration& entry) { return entry.Loaded(); });
   if (loaded == registrations.entries.end()) return probe;
+  probe.policy = loaded->policy;
   std::string name = "pkgsim-probe";
   while (rows.count(name) != 0) name += "-";
   const std::string pkgid = "pkgsim.probe.pepper." + name;
@@ -75,8 +77,10 @@ std::string DatabaseHealth(const Device& device, const Probe& probe) {
       }
       return "damaged (" + reason +
              "), and so is its backup: the next operation deletes it and creates an empty database; its "
-             "records "
-             "are lost";
+             "records " +
+             (probe.policy == "hardened" ? "are rebuilt from the installed packages" : "are lost");
+    case DatabaseEvent::kBusyGaveUp:
+      return "held busy by another process: the next operation gives up, leaving both files as they are";
     default:
       return "valid";
   }
