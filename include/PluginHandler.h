@@ -30,6 +30,8 @@ class PluginHandler {
   bool m_RebuildLostRecords(const std::string& current);
 
  private:
+  bool m_RemovePackageRecords(const std::string& pkgid, const std::string& name);
+
   PluginDataMap m_pluginMap;
 };
 

@@ -15,22 +15,6 @@ PluginHandler::PluginHandler() {
 
 PluginHandler::~PluginHandler() = default;
 
-namespace {
-
-// The default build removes the one record named like the package, straight through the database object;
-// an xwalk package's extensions with other names keep theirs. The hardened build removes every record
-// that carries the package's id.
-bool RemovePackageRecords(const std::string& pkgid, const std::string& name) {
-  VersionSqliteDB* db = CSingleton<VersionSqliteDB>::GetInstance();
-  if constexpr (kPluginPolicy.uninstallByPackageId) {
-    return db->DeletePackageData(pkgid);
-  } else {
-    return db->DeleteDBRecord(name, false, strPLUGIN_TABLE);
-  }
-}
-
-}  // namespace
-
 // A null id is not tested for: the string constructor throws, and the exception leaves the plug-in.
 void PluginHandler::HandleSingleTpk(const char* pkgid) {
   std::string id(pkgid);
@@ -122,12 +106,26 @@ void PluginHandler::RemoveTpk(const char* pkgid) {
     PLUGIN_LOG("get tpk name fail");
     return;
   }
-  if (!RemovePackageRecords(id, name)) {
+  if (!m_RemovePackageRecords(id, name)) {
     PLUGIN_LOG("remove DB record fail");
     return;
   }
-  if constexpr (kPluginPolicy.rebuildLostRecords) m_RebuildLostRecords(id);
   m_RewriteJson();
+}
+
+// The default build removes the one record named like the package, straight through the database object;
+// an xwalk package's extensions with other names keep theirs. The hardened build removes every record
+// that carries the package's id, and rebuilds the others at once when the removal found both files
+// damaged: nothing but this process knows that they were lost.
+bool PluginHandler::m_RemovePackageRecords(const std::string& pkgid, const std::string& name) {
+  VersionSqliteDB* db = CSingleton<VersionSqliteDB>::GetInstance();
+  if constexpr (kPluginPolicy.uninstallByPackageId) {
+    const bool removed = db->DeletePackageData(pkgid);
+    if (removed) m_RebuildLostRecords(pkgid);
+    return removed;
+  } else {
+    return db->DeleteDBRecord(name, false, strPLUGIN_TABLE);
+  }
 }
 
 bool PluginHandler::m_RewriteJson() {
