@@ -27,16 +27,10 @@ const char kBroken[] =
     ".AppBinaryManager.db is broken! Recover .AppBinaryManager.db from .AppBinaryManager_Backup.db\n";
 
 _PluginData Record(const std::string& name, const std::string& version) {
-  return {name,
-          version,
-          "/opt/usr/apps/" + name,
-          "com.korvane.tv.xwalk." + name,
-          "tizen.a,tizen.b",
-          XWALK_PLUGIN,
-          1,
-          INSTALLED_BOTH_RO_RW,
-          "app'one,app2",
-          "/usr/apps/" + name};
+  // clang-format off
+  return {name, version, "/opt/usr/apps/" + name, "com.korvane.tv.xwalk." + name, "tizen.a,tizen.b",
+          XWALK_PLUGIN, 1, INSTALLED_BOTH_RO_RW, "app'one,app2", "/usr/apps/" + name};
+  // clang-format on
 }
 
 Lines Names(const PluginDataMap& map) {
@@ -133,28 +127,19 @@ TEST_F(VersionDbTest, DamagedMainIsRestoredFromAGoodBackupOrRecreatedEmpty) {
     void (*apply)();
     Lines reported;
   } damages[] = {
+      // clang-format off
       {"missing", [] { unlink(VERSION_DB); }, {"Database " + Main() + " is not exist"}},
       {"empty", [] { WriteFile(Main(), ""); }, {"database " + Main() + "'s size is 0"}},
       // Would block any open for reading until a writer came along, were it kept.
-      {"FIFO",
-       [] {
-         RemoveTree(Main());
-         mkfifo(VERSION_DB, 0644);
-       },
-       {"database " + Main() + "'s size is 0"}},
+      {"FIFO", [] { RemoveTree(Main()); mkfifo(VERSION_DB, 0644); }, {"database " + Main() + "'s size is 0"}},
       {"garbage", [] { WriteFile(Main(), kGarbage); }, {notADatabase, Summary(0, 0, 0)}},
-      {"no versionTable",
-       [] { Query(Main(), "drop table versionTable"); },
-       {tablesChecked, Summary(1, 0, 1)}},
+      {"no versionTable", [] { Query(Main(), "drop table versionTable"); }, {tablesChecked, Summary(1, 0, 1)}},
       {"no pluginTable", [] { Query(Main(), "drop table pluginTable"); }, {tablesChecked, Summary(1, 1, 0)}},
       // Opens and lists both tables, but its integrity check finds pages that nothing uses.
-      {"orphaned index pages",
-       [] {
-         Query(Main(),
-               "create table t(a); create index i on t(a); insert into t values(1),(2);"
-               "PRAGMA writable_schema=ON; delete from sqlite_master where name='i'");
-       },
+      {"orphaned index pages", [] { Query(Main(), "create table t(a); create index i on t(a); insert into t "
+          "values(1),(2); PRAGMA writable_schema=ON; delete from sqlite_master where name='i'"); },
        {"database integrity_check failed with error 101!", Summary(0, 0, 0)}},
+      // clang-format on
   };
   for (const auto& damage : damages) {
     for (bool backupValid : {true, false}) {
@@ -357,9 +342,8 @@ class LockHolder {
 
 // One blocked call: the busy handler waits five times and gives up; then what its caller logs.
 void AddRound(Lines& lines, const Lines& then) {
-  for (int count = 0; count < 5; ++count) {
+  for (int count = 0; count < 5; ++count)
     lines.push_back("database is lock now,can not write/read.count is [" + std::to_string(count) + "]\n");
-  }
   lines.push_back("wait count is [5], not keep waiting..\n");
   lines.insert(lines.end(), then.begin(), then.end());
 }
@@ -382,13 +366,11 @@ TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherConnectionHoldsTheDatabase) 
        {Lines{check},
         Lines{"begin a transaction fail, ret = 5, errormsg: database is locked", kBroken,
               "BEGIN EXCLUSIVE failed:[5, database is locked]\n", "insert into pluginTable fail!!"},
-        Lines{check}, Lines{"prepare object fail : 5", "get plugin list fail"}}) {
+        Lines{check}, Lines{"prepare object fail : 5", "get plugin list fail"}})
     AddRound(expected, then);
-  }
   Lines log;
-  for (const std::string& line : LogMessages()) {
-    if (std::find(expected.begin(), expected.end(), line) != expected.end()) log.push_back(line);
-  }
+  for (const std::string& line : LogMessages())
+    if (Has(expected, line)) log.push_back(line);
   EXPECT_THAT(log, ElementsAreArray(expected));
   record.name = "after";
   EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other connection is gone";
@@ -420,9 +402,8 @@ TEST_F(VersionDbTest, CheckSleepsThreeTimesInEachLoopWhileTheDatabaseIsBusyThenF
     ASSERT_TRUE(holder.locked);
 
     Lines expected = {"set DB busy"};
-    for (int count = 0; count < 3; ++count) {
+    for (int count = 0; count < 3; ++count)
       AddRound(expected, {"sqlite3 busy, wait 1 sec and try again. count is " + std::to_string(count)});
-    }
     expected.push_back(Summary(integrity, 0, 0));
     EXPECT_THAT(LogMessages(), ElementsAreArray(expected));
     EXPECT_EQ(LoggedBy("sqlite3 busy, wait 1 sec and try again. count is 2"), "m_validCheck");
