@@ -5,6 +5,7 @@
 #include <pkgmgr-info-host.h>
 #include <unistd.h>
 
+#include <array>
 #include <cstdlib>
 #include <sstream>
 
@@ -151,12 +152,12 @@ TEST_F(PluginDataTest, FailingPlatformCallsAreReportedOrSilentAsRequired) {
     int releases;
     Lines log;
   } cases[] = {
+      // clang-format off
       {"get_appinfo", 0, {"get plugin type fail!"}},
       {"get_root_path", 3, {Found(kTypeKey, "xwalkplugin"), kTag + " type is [0]", Found(kListKey, "a")}},
-      {"get_metadata_value",
-       3,
-       {kTag + "'s root path:[" + root + "]", NotFound(kTypeKey), "get plugin type fail!",
-        NotFound(kListKey)}},
+      {"get_metadata_value", 3, {kTag + "'s root path:[" + root + "]", NotFound(kTypeKey),
+          "get plugin type fail!", NotFound(kListKey)}},
+      // clang-format on
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.call);
@@ -235,19 +236,15 @@ TEST_F(PluginDataTest, BadDescriptionFilesAreLoggedAndSkippedWhileTheOthersAreRe
   ASSERT_EQ(map_.size(), 3u);
   EXPECT_EQ(map_.count("ok"), 1u);
   EXPECT_EQ(map_["plain"].entryPoints + map_["none"].entryPoints, "");
-  Lines expected = {"file:[" + dir_ + "broken.json],err:[" + error + "]",
-                    "file:[" + dir_ + "deep.json],err:[Exceeded stackLimit in readValue().]",
-                    "open " + dir_ + "fifo.json fail",
-                    "open " + dir_ + "zero.json fail",
-                    "file:[" + dir_ + "object.json] holds no array of extensions, skipped",
-                    "strPath is empty!",
-                    "open " + dir_ + "none.json fail",
-                    "path is empty!",
-                    "open [" + dir_ + "missing/] fail!"};
-  for (int element = 0; element < 6; ++element) {
+  // clang-format off
+  Lines expected = {"file:[" + dir_ + "broken.json],err:[" + error + "]", "file:[" + dir_ +
+      "deep.json],err:[Exceeded stackLimit in readValue().]", "open " + dir_ + "fifo.json fail", "open " + dir_ +
+      "zero.json fail", "file:[" + dir_ + "object.json] holds no array of extensions, skipped",
+      "strPath is empty!", "open " + dir_ + "none.json fail", "path is empty!", "open [" + dir_ + "missing/] fail!"};
+  // clang-format on
+  for (int element = 0; element < 6; ++element)
     expected.push_back("file:[" + dir_ + "mixed.json] element " + std::to_string(element) +
                        " is not an extension description, skipped");
-  }
   // One file or directory alone; what cannot be read leaves the map as it was.
   PluginDataMap single;
   EXPECT_FALSE(util_.m_ParseXwalkJsonFile(dir_ + "broken.json", single));
@@ -289,14 +286,13 @@ TEST_F(PluginDataTest, RecordsOfAPackageFollowItsInstallLocation) {
     ASSERT_TRUE(util_.MakeInsertedMap(kXwalk, "tv", kind, out));
     ASSERT_EQ(out.size(), 2u);
     // Of a name described twice only the first description counts, and of a library only its file part.
-    const std::string where = "|0|0|" + std::to_string(location) + "||";
     const std::string system = location == INSTALLED_ONLY_RW ? "" : RoResources(kXwalk);
-    EXPECT_EQ(Text(out.at("tv.channel")), "tv.channel|3.1|" + res +
-                                              "libtv-channel.so|com.korvane.tv.xwalk.tv.channel|" + where +
-                                              (system.empty() ? "" : system + "libtv-channel.so"));
-    EXPECT_EQ(Text(out.at("tv.audio")), "tv.audio|0.0.0|" + res +
-                                            "libtv-audio.so|com.korvane.tv.xwalk.tv.audio|" + where +
-                                            (system.empty() ? "" : system + "libtv-audio.so"));
+    for (const auto& [name, version, lib] :
+         {std::array<std::string, 3>{"tv.channel", "3.1", "libtv-channel.so"},
+          {"tv.audio", "0.0.0", "libtv-audio.so"}})
+      EXPECT_EQ(Text(out.at(name)), name + "|" + version + "|" + res + lib + "|com.korvane.tv.xwalk." + name +
+                                        "||0|0|" + std::to_string(location) + "||" +
+                                        (system.empty() ? "" : system + lib));
   }
 }
 
@@ -310,12 +306,12 @@ TEST_F(PluginDataTest, BuilderFailuresLeaveTheMapAsItWasWithTheirOwnLog) {
     PLUGIN_TYPE kind;
     Lines log;  // after the install location's log, if any
   } cases[] = {
+      // clang-format off
       {"com.korvane.tv.xwalk.absent", XWALK_PLUGIN, {}},  // no root path: silent here
-      {kXwalk,
-       XWALK_PLUGIN,
-       {"GetXwalkInfo,path = " + res, "open [" + res + "] fail!",
-        "get xwalk extension info fail, path = " + res}},
+      {kXwalk, XWALK_PLUGIN, {"GetXwalkInfo,path = " + res, "open [" + res + "] fail!",
+          "get xwalk extension info fail, path = " + res}},
       {kXwalk, UNKNOWN_PLUGIN, {"unknown plugin type[99]"}},
+      // clang-format on
   };
   PluginDataMap out;
   out["earlier"].path = "/usr/lib/libearlier.so";
