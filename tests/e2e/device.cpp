@@ -24,9 +24,8 @@ Plugin::Plugin(void* library) : entries_(library, WUP_PLUGIN_LIBRARY) {}
 int Plugin::Call(hostkit::Operation operation, const char* pkgid, const char* appid,
                  const MetadataList& items) {
   hostkit::MetadataNodes nodes;
-  for (const auto& [key, value] : items) {
+  for (const auto& [key, value] : items)
     nodes.push_back(key != nullptr || value != nullptr ? hostkit::MetadataNode({key, value}) : std::nullopt);
-  }
   return hostkit::CallEntryPoint(entries_[operation], pkgid, appid, nodes);
 }
 

@@ -1,5 +1,6 @@
 // The plug-in as the package manager uses it: which metadata lists select a package, installing, upgrading
 // and uninstalling, and what the user sees of it (rows, the result file, terminations, the log).
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,6 +11,8 @@
 namespace wup_e2e {
 namespace {
 
+using ::testing::IsSupersetOf;
+
 std::string Call(const std::string& pkgid, const std::string& appid, int items) {
   return "pkgid(" + pkgid + ") appid(" + appid + ") list(" + std::to_string(items) + ")";
 }
@@ -18,7 +21,8 @@ Lines Head(const Lines& log, size_t count) {
   return Lines(log.begin(), log.begin() + std::min(count, log.size()));
 }
 
-TEST(EntryPoints, EmptyListIsRefusedBeforeAnythingIsCreated) {
+// An empty list is refused before anything is created; a null package id leaves the plug-in as an exception.
+TEST(EntryPoints, EmptyListIsRefusedBeforeAnythingIsCreatedAndANullIdThrows) {
   Device device;
   const Package package = Pepper("empty");
   device.Place(package);
@@ -29,6 +33,9 @@ TEST(EntryPoints, EmptyListIsRefusedBeforeAnythingIsCreated) {
   const std::string call = Call(package.pkgid, "the.app", 0), refused = "[ERROR] No Engine Metadata";
   EXPECT_EQ((Lines{"METADATA INSTALL", call, refused, "METADATA UNINSTALL", call, refused}), device.Log());
   EXPECT_FALSE(wup_test::PathExists(device.DatabasePath()));
+  EXPECT_EQ(Device::kExceptionLeft, device.Run([](Plugin& plugin) {
+    plugin.Install(nullptr, "the.app", {{kTypeKey.c_str(), "pepperplugin"}});
+  }));
 }
 
 // Only the whole type key, compared exactly, selects the package; the walk passes over nodes without an
@@ -59,13 +66,6 @@ TEST(EntryPoints, TheFirstItemWithExactlyTheTypeKeySelectsThePackage) {
   EXPECT_EQ("finish", log.back());
 }
 
-TEST(EntryPoints, NullPackageIdLeavesThePluginAsAnException) {
-  Device device;
-  EXPECT_EQ(Device::kExceptionLeft, device.Run([](Plugin& plugin) {
-    plugin.Install(nullptr, "the.app", {{kTypeKey.c_str(), "pepperplugin"}});
-  }));
-}
-
 TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
   Device device;
   Package package = Pepper("sampleplayer", "1.2.0");
@@ -81,6 +81,13 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
             device.Rows());
   EXPECT_EQ(wup_test::ReadFile(device.DatabasePath()), wup_test::ReadFile(device.BackupPath()));
   // clang-format off
+  const std::string listed =  // under each application of the allow-list alike
+      "\t\t\t[\n"
+      "\t\t\t\t{\n"
+      "\t\t\t\t\t\"name\" : \"sampleplayer\",\n"
+      "\t\t\t\t\t\"path\" : \"" + res + "\"\n"
+      "\t\t\t\t}\n"
+      "\t\t\t]";
   EXPECT_EQ(
       "{\n"
       "\t\"forceupdate_webapi\" : \n"
@@ -100,20 +107,8 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
       "\t{\n"
       "\t\t\"pepper\" : \n"
       "\t\t{\n"
-      "\t\t\t\"App.One\" : \n"
-      "\t\t\t[\n"
-      "\t\t\t\t{\n"
-      "\t\t\t\t\t\"name\" : \"sampleplayer\",\n"
-      "\t\t\t\t\t\"path\" : \"" + res + "\"\n"
-      "\t\t\t\t}\n"
-      "\t\t\t],\n"
-      "\t\t\t\"App.Two\" : \n"
-      "\t\t\t[\n"
-      "\t\t\t\t{\n"
-      "\t\t\t\t\t\"name\" : \"sampleplayer\",\n"
-      "\t\t\t\t\t\"path\" : \"" + res + "\"\n"
-      "\t\t\t\t}\n"
-      "\t\t\t]\n"
+      "\t\t\t\"App.One\" : \n" + listed + ",\n"
+      "\t\t\t\"App.Two\" : \n" + listed + "\n"
       "\t\t}\n"
       "\t}\n"
       "}",
@@ -127,12 +122,12 @@ TEST(Install, NewPepperPackageIsStoredPublishedAndItsBackgroundAppsTerminated) {
                    "key(" + kTypeKey + ") - value(pepperplugin)", "create instance",
                    "PluginHandler::PluginHandler()", "GetPluginListFromDB", "GetPluginListFromDB"}),
             Head(log, 7));
-  EXPECT_TRUE(Has(log, "pkgid = [" + package.pkgid + "], version = [1.2.0]"));
-  EXPECT_TRUE(Has(log, "tpkVersion[1.2.0], localVersion[0.0.0]"));
-  EXPECT_TRUE(Has(log, "insert new data:name[sampleplayer]version[1.2.0]path[" + res + "]pkgid[" +
-                           package.pkgid +
-                           "]entrypoints[]pluginType[1]hasForceMetadata[0]isupdate[1]appWhiteList[App.One, "
-                           "App.Two]systempath=[]"));
+  EXPECT_THAT(
+      log, IsSupersetOf(Lines{
+               "pkgid = [" + package.pkgid + "], version = [1.2.0]", "tpkVersion[1.2.0], localVersion[0.0.0]",
+               "insert new data:name[sampleplayer]version[1.2.0]path[" + res + "]pkgid[" + package.pkgid +
+                   "]entrypoints[]pluginType[1]hasForceMetadata[0]isupdate[1]appWhiteList[App.One, "
+                   "App.Two]systempath=[]"}));
   EXPECT_EQ("finish", log.back());
 }
 
@@ -166,9 +161,8 @@ TEST(Install, XwalkPackageStoresEveryExtensionInItsOwnResourceDirectoryWhileItCa
     plugin.Install(package.pkgid.c_str(), package.pkgid.c_str(), MetadataOf(package));
   }));
   const Lines log = device.Log();
-  EXPECT_TRUE(Has(log, "tpkVersion == localVersion"));
-  EXPECT_TRUE(Has(log, "Get the inserted list fail"));
-  EXPECT_TRUE(Has(log, "check[" + package.pkgid + "]fail"));
+  EXPECT_THAT(log, IsSupersetOf(Lines{"tpkVersion == localVersion", "Get the inserted list fail",
+                                      "check[" + package.pkgid + "]fail"}));
   EXPECT_FALSE(device.ResultFileExists());
   EXPECT_EQ(rows, device.Rows());
 }
@@ -185,9 +179,8 @@ TEST(Install, SameVersionAgainStoresNothingAndRewritesOnlyAMissingResultFileButA
   device.ClearLog();
   ASSERT_EQ(0, device.Install(package));
   const Lines log = device.Log();
-  EXPECT_TRUE(Has(log, "tpkVersion[2.0.0], localVersion[2.0.0]"));
-  EXPECT_TRUE(Has(log, "tpkVersion == localVersion"));
-  EXPECT_TRUE(Has(log, "no need insert"));
+  EXPECT_THAT(log, IsSupersetOf(Lines{"tpkVersion[2.0.0], localVersion[2.0.0]", "tpkVersion == localVersion",
+                                      "no need insert"}));
   EXPECT_EQ("marker", device.ResultFile());
   EXPECT_EQ(database, wup_test::ReadFile(device.DatabasePath()));
 
@@ -219,9 +212,9 @@ TEST(Install, PackageWithAnUnreadableVersionIsNotStored) {
   const Package package = Pepper("noversion");
   ASSERT_EQ(0, device.Install(package, {"HOST_PKGMGRINFO_FAIL=pkgmgrinfo_pkginfo_get_version"}));
   const Lines log = device.Log();
-  EXPECT_TRUE(Has(log, "get [" + package.pkgid + "] version fail!!"));
-  EXPECT_TRUE(Has(log, "pkgid = [" + package.pkgid + "], version = [0.0.0]"));
-  EXPECT_TRUE(Has(log, "no need insert"));
+  EXPECT_THAT(log,
+              IsSupersetOf(Lines{"get [" + package.pkgid + "] version fail!!",
+                                 "pkgid = [" + package.pkgid + "], version = [0.0.0]", "no need insert"}));
   EXPECT_TRUE(device.Rows().empty());
   // Nothing recorded, but the web runtime still gets a (null) result file.
   EXPECT_EQ("null", device.ResultFile());
@@ -247,10 +240,9 @@ TEST(Install, UnwritableResultFileEmptiesTheDatabaseForTheNextStart) {
   }));
 
   const Lines log = device.Log();
-  EXPECT_TRUE(Has(log, "[" + staging + "] is not a symbol link"));
-  EXPECT_TRUE(Has(log, "open [" + staging + "] fail!"));
-  EXPECT_TRUE(Has(log, "update fail!clear DB for next boot"));
-  EXPECT_TRUE(Has(log, "Current remove sql is [delete from 'pluginTable']"));
+  EXPECT_THAT(log, IsSupersetOf(Lines{"[" + staging + "] is not a symbol link",
+                                      "open [" + staging + "] fail!", "update fail!clear DB for next boot",
+                                      "Current remove sql is [delete from 'pluginTable']"}));
   EXPECT_TRUE(device.Rows().empty());
   EXPECT_EQ("null", device.ResultFile()) << "the pending rewrite publishes the emptied database";
 
@@ -292,8 +284,7 @@ TEST(Uninstall, ThePluginNamedByTheIdIsRemovedAndTheResultRebuiltUnlessTheIdName
 
   uninstall(Pepper(""));
   log = device.Log();
-  EXPECT_TRUE(Has(log, "get plugin name fail"));
-  EXPECT_TRUE(Has(log, "get tpk name fail"));
+  EXPECT_THAT(log, IsSupersetOf(Lines{"get plugin name fail", "get tpk name fail"}));
   EXPECT_EQ("stale", device.ResultFile());
   EXPECT_EQ(keptRow, device.Rows());
 }
@@ -313,9 +304,8 @@ TEST(Harness, AnExpectationFailingInTheScenarioProcessFailsTheTest) {
   EXPECT_TRUE(run.exited && run.status == 1) << run.output;
   for (const char* printed :
        {"planted in the scenario's process", "an expectation failed in the scenario's process",
-        "[  FAILED  ] Harness.DISABLED_ExpectationFailingInTheScenarioProcess"}) {
+        "[  FAILED  ] Harness.DISABLED_ExpectationFailingInTheScenarioProcess"})
     EXPECT_NE(std::string::npos, run.output.find(printed)) << printed << "\n" << run.output;
-  }
 }
 
 }  // namespace

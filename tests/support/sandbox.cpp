@@ -32,9 +32,8 @@ Lines Query(const std::string& path, const char* sql) {
     return 0;
   };
   sqlite3* db = nullptr;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK) {
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK)
     sqlite3_exec(db, sql, collect, &rows, nullptr);
-  }
   sqlite3_close(db);
   return rows;
 }
@@ -58,11 +57,10 @@ int CountOpenFds() {  // less the descriptor of the listing itself
 void SetEnvironment(const Lines& entries) {
   for (const std::string& entry : entries) {
     const size_t equals = entry.find('=');
-    if (equals == std::string::npos) {
+    if (equals == std::string::npos)
       unsetenv(entry.c_str());
-    } else {
+    else
       setenv(entry.substr(0, equals).c_str(), entry.substr(equals + 1).c_str(), 1);
-    }
   }
 }
 

@@ -79,12 +79,10 @@ std::string RootPath(const char* appid) {
 }
 
 std::string MetadataValue(const char* appid, const char* key) {
-  return Ask(
-      pkgmgrinfo_appinfo_get_appinfo,
-      [key](pkgmgrinfo_appinfo_h app, char** value) {
-        return pkgmgrinfo_appinfo_get_metadata_value(app, key, value);
-      },
-      pkgmgrinfo_appinfo_destroy_appinfo, appid);
+  const auto read = [key](pkgmgrinfo_appinfo_h app, char** value) {
+    return pkgmgrinfo_appinfo_get_metadata_value(app, key, value);
+  };
+  return Ask(pkgmgrinfo_appinfo_get_appinfo, read, pkgmgrinfo_appinfo_destroy_appinfo, appid);
 }
 
 // The lists of forced failures of every stand-in: whole names, blanks around them ignored.
@@ -207,18 +205,17 @@ TEST_F(PkgmgrInfoStandIn, PackagesOfOneUserAreSeenByThatUserOnly) {
   MakeDirs(home + "/packages");
   WriteManifest(home + "/packages", "mine", "1.0.0", {"mine"});
   WriteManifest(rw_, "shared", "2.0.0", {"shared"});
+  const std::string mine = home + "/apps_rw/mine";
   const struct {
-    const char* uid;
-    std::string version, root, shared;
-  } callers[] = {{"5001", "1.0.0", home + "/apps_rw/mine", Device().rwApp + "/shared"},
-                 {"5000", "1.0.0", home + "/apps_rw/mine", Device().rwApp + "/shared"},
-                 {"4999", "<-3>", "<-3>", Device().rwApp + "/shared"},
-                 {"0", "<-3>", "<-3>", Device().rwApp + "/shared"}};
+    const char *uid, *version;
+    std::string root;  // every caller sees the package for all users
+  } callers[] = {
+      {"5001", "1.0.0", mine}, {"5000", "1.0.0", mine}, {"4999", "<-3>", "<-3>"}, {"0", "<-3>", "<-3>"}};
   for (const auto& caller : callers) {
     setenv("HOST_PKGMGRINFO_UID", caller.uid, 1);
     EXPECT_EQ(Version("mine"), caller.version) << caller.uid;
     EXPECT_EQ(RootPath("mine"), caller.root) << caller.uid;
-    EXPECT_EQ(RootPath("shared"), caller.shared) << caller.uid;
+    EXPECT_EQ(RootPath("shared"), Device().rwApp + "/shared") << caller.uid;
   }
   WriteFile(home + "/packages/mine.xml", "<manifest");
   setenv("HOST_PKGMGRINFO_UID", "5001", 1);

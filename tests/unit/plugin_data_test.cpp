@@ -177,9 +177,8 @@ TEST_F(PluginDataTest, FailingPlatformCallsAreReportedOrSilentAsRequired) {
 
 TEST_F(PluginDataTest, RecordCarriesTheDescriptionAndDefaultsForWhatIsMissing) {
   // Only files whose names end in ".json" (and are longer than that) are read.
-  for (const char* name : {"a.json", "b.JSON", ".json", "x.json.bak", ".hidden.json", "json"}) {
+  for (const char* name : {"a.json", "b.JSON", ".json", "x.json.bak", ".hidden.json", "json"})
     Write(name, std::string(R"([{"name": ")") + name + "\"}]");
-  }
   Write("ext.json", R"([
     {"name": "tv.channel", "lib": "/usr/lib/ext/libchannel.so", "version": "2.1.0",
      "entry_points": ["tizen.tvchannel", "tizen.tvwindow"], "unknown": 1},
