@@ -317,10 +317,9 @@ TEST_F(PkgsimTest, RegistrationsAndUsersDecideWhatThePluginGetsAndSees) {
 TEST_F(PkgsimTest, BadInputAndMisuseAreRefusedWithOneLine) {
   Expect(0, {"install", "--preload", kPackages + "drmplayer-1.0.0"});
   const std::string empty = root_ + "/empty", malformed = root_ + "/malformed", nowhere = root_ + "/nowhere";
-  wup_test::MakeDirs(empty);
-  wup_test::MakeDirs(malformed);
-  wup_test::WriteFile(malformed + "/tizen-manifest.xml", "<manifest package=\"com.korvane.tv.pepper.x\"");
   const std::string signage = kPackages + "signage", file = malformed + "/tizen-manifest.xml";
+  for (const std::string& dir : {empty, malformed}) wup_test::MakeDirs(dir);
+  wup_test::WriteFile(file, "<manifest package=\"com.korvane.tv.pepper.x\"");
   const struct {
     int status;
     Args args;            // after --device and the test's device

@@ -76,21 +76,17 @@ TEST(Constants, DISABLED_BuiltWhenTheLibraryIsLoaded) {
                     ns = METADATA_NAMESPACE;
   EXPECT_EQ("/tv/metadata/", ns.substr(ns.size() - 13));
   const std::pair<std::string, std::string> constants[] = {
-      {strRW_APP_DIR, rw},
-      {strRO_APP_DIR, Device().roApp + "/"},
-      {strB2B_PEPPER_DIR, rw + "pepper/b2b/"},
-      {strRESULT_DIR, result},
-      {strRESULT_FILE, result + "/upgrade_webapi_result.json"},
-      {strRESULT_FILE_BAK, result + "/upgrade_webapi_result.json_bak"},
-      {strTZ_SYS_DB, "/var/db/"},
-      {VERSION_DB, strVERSION_DB},
-      {VERSION_DB, "/var/db//.AppBinaryManager.db"},  // no separator added or removed
-      {VERSION_DB_BAKUP, strVERSION_DB_BAKUP},
-      {VERSION_DB_BAKUP, "/var/db//.AppBinaryManager_Backup.db"},
-      {strMETADATA_TYPE_KEY, ns + "upgradable_webapi_type"},
-      {strMETADATA_FORCE_KEY, ns + "forceupdate_webapi"},
+      // clang-format off
+      {strRW_APP_DIR, rw}, {strRO_APP_DIR, Device().roApp + "/"}, {strB2B_PEPPER_DIR, rw + "pepper/b2b/"},
+      {strRESULT_DIR, result}, {strRESULT_FILE, result + "/upgrade_webapi_result.json"},
+      {strRESULT_FILE_BAK, result + "/upgrade_webapi_result.json_bak"}, {strTZ_SYS_DB, "/var/db/"},
+      // No separator added or removed.
+      {VERSION_DB, strVERSION_DB}, {VERSION_DB, "/var/db//.AppBinaryManager.db"},
+      {VERSION_DB_BAKUP, strVERSION_DB_BAKUP}, {VERSION_DB_BAKUP, "/var/db//.AppBinaryManager_Backup.db"},
+      {strMETADATA_TYPE_KEY, ns + "upgradable_webapi_type"}, {strMETADATA_FORCE_KEY, ns + "forceupdate_webapi"},
       {strMETADATA_APPLIST_KEY, ns + "upgradable_webapi_applist"},
       {strXWALK_EXTENSION_DIR, "/usr/lib/tizen-extensions-crosswalk/"},
+      // clang-format on
   };
   for (const auto& [value, expected] : constants) EXPECT_EQ(expected, value);
 }

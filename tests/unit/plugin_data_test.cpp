@@ -119,8 +119,7 @@ TEST_F(PluginDataTest, PluginNameIsWhatFollowsTheFirstPepperOrElseXwalkFragment)
   for (const auto& [constId, expected, log] : cases) {
     SCOPED_TRACE("[" + constId + "]");
     ClearLog();
-    std::string id = constId;
-    std::string name = "before";
+    std::string id = constId, name = "before";
     EXPECT_EQ(util_.GetPluginNameByID(id, name), !expected.empty() && expected != "before");
     EXPECT_EQ(name, expected);
     EXPECT_EQ(LogMessages(), (Lines{log}));

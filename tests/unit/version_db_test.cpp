@@ -55,10 +55,13 @@ class VersionDbTest : public ::testing::Test {
     g_onOpen = nullptr;
     EXPECT_EQ(CountOpenFds(), fds_) << "descriptor leaked";
   }
+  bool Insert(const std::string& name, const std::string& version = "1") {
+    _PluginData record = Record(name, version);
+    return db_.InsertPluginData(record);
+  }
   // A main file and an equal backup, holding the one record "kept".
   void StoreKept() {
-    _PluginData kept = Record("kept", "1.0");
-    ASSERT_TRUE(db_.InsertPluginData(kept));
+    ASSERT_TRUE(Insert("kept", "1.0"));
     ClearLog();
   }
   Lines List() {
@@ -171,8 +174,7 @@ TEST_F(VersionDbTest, FailuresAreLoggedAndReportedFalse) {
   // A directory passes for present and non-empty, but no connection works on it.
   unlink(VERSION_DB);
   MakeDirs(Main());
-  _PluginData record = Record("new", "1");
-  EXPECT_FALSE(db_.InsertPluginData(record));
+  EXPECT_FALSE(Insert("new"));
   PluginDataMap map;
   EXPECT_FALSE(db_.GetPluginList(map));
   sqlite3* handle = nullptr;
@@ -202,8 +204,7 @@ TEST_F(VersionDbTest, BackupCopyRefusesLinksAndTruncatesBeforeTheSizeTest) {
                     dest = Device().root + "/dest";
   WriteFile(target, "precious");
   ASSERT_EQ(symlink(target.c_str(), VERSION_DB_BAKUP), 0);
-  _PluginData record = Record("a", "1");
-  EXPECT_TRUE(db_.InsertPluginData(record));
+  EXPECT_TRUE(Insert("a"));
   EXPECT_TRUE(LogHas("path [" + Backup() + "] is a symb link! there's security risk!"));
   EXPECT_EQ(ReadFile(target), "precious");
 
@@ -243,8 +244,7 @@ TEST_F(VersionDbTest, AStatementRefusedInItsTransactionRunsAgainOnTheRestoredFil
         "create trigger refuse before insert on pluginTable begin"
         " delete from versionTable; insert into versionTable values('x', 'y', 'z');"
         " select raise(abort, 'refused'); end");
-  _PluginData record = Record("new", "1");
-  EXPECT_TRUE(db_.InsertPluginData(record));
+  EXPECT_TRUE(Insert("new"));
   EXPECT_TRUE(LogHas(kBroken));
   EXPECT_FALSE(LogHas("insert into pluginTable fail!!"));
   // The failed transaction is rolled back before the backup is copied, so none of its pages, nor the
@@ -263,8 +263,7 @@ TEST_F(VersionDbTest, FailedCommitStillCountsAsWrittenAndRefreshesTheBackup) {
         db, [](void*) { return 1; }, nullptr);
     return SQLITE_OK;
   };
-  _PluginData record = Record("new", "1");
-  EXPECT_TRUE(db_.InsertPluginData(record));
+  EXPECT_TRUE(Insert("new"));
   EXPECT_THAT(LogMessages(), IsSupersetOf(Lines{"Database write COMMIT failed, ret = 19, constraint failed\n",
                                                 "insert into pluginTable successfully"}));
   EXPECT_EQ(ReadFile(Backup()), ReadFile(Main()));
@@ -305,11 +304,10 @@ class LockHolder {
  public:
   explicit LockHolder(const std::string& whenStepped = "", int milliseconds = 0)
       : sql_(whenStepped), milliseconds_(milliseconds) {
-    if (sql_.empty()) {
+    if (sql_.empty())
       Take();
-    } else {
+    else
       g_onOpen = [this](sqlite3* db) { return sqlite3_trace_v2(db, SQLITE_TRACE_STMT, Trace, this); };
-    }
   }
   ~LockHolder() { release_.joinable() ? release_.join() : Close(); }
   bool locked = false;
@@ -350,11 +348,10 @@ void AddRound(Lines& lines, const Lines& then) {
 
 TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherConnectionHoldsTheDatabase) {
   StoreKept();
-  _PluginData record = Record("blocked", "1");
   {
     LockHolder holder;
     ASSERT_TRUE(holder.locked);
-    EXPECT_FALSE(db_.InsertPluginData(record));
+    EXPECT_FALSE(Insert("blocked"));
     PluginDataMap map;
     EXPECT_FALSE(db_.GetPluginList(map));
   }
@@ -372,16 +369,14 @@ TEST_F(VersionDbTest, WriteAndReadGiveUpWhileAnotherConnectionHoldsTheDatabase) 
   for (const std::string& line : LogMessages())
     if (Has(expected, line)) log.push_back(line);
   EXPECT_THAT(log, ElementsAreArray(expected));
-  record.name = "after";
-  EXPECT_TRUE(db_.InsertPluginData(record)) << "usable again once the other connection is gone";
+  EXPECT_TRUE(Insert("after")) << "usable again once the other connection is gone";
 }
 
 TEST_F(VersionDbTest, AWriteWaitsOutAShortLockOfAnotherConnection) {
   StoreKept();
   // Held for 100 ms, well within the busy handler's five waits of 50 ms.
   const LockHolder holder("BEGIN EXCLUSIVE", 100);
-  _PluginData record = Record("patient", "1");
-  EXPECT_TRUE(db_.InsertPluginData(record));
+  EXPECT_TRUE(Insert("patient"));
   g_onOpen = nullptr;
   ASSERT_TRUE(holder.locked);
   EXPECT_TRUE(LogHas("database is lock now,can not write/read.count is [0]\n"));
