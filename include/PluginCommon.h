@@ -155,6 +155,14 @@ int PluginOpenForWriting(const char* path);
 // Writes all of `size` bytes, going on after partial writes and interruptions; false on any error.
 bool PluginWriteAll(int fd, const char* data, size_t size);
 
+// Opens `path` for reading only when it is a regular file, never waiting on it (a FIFO or a device under a
+// file's name would block or never end); -1 otherwise.
+int PluginOpenRegularForReading(const char* path);
+
+// Appends what is left to read of `fd` to `text`, going on after interruptions; false when a read fails
+// (`text` then holds what was read before).
+bool PluginReadAll(int fd, std::string& text);
+
 // Makes the entries of a directory (a rename, a new file) durable; failures are not reported.
 void PluginSyncDirectory(const std::string& path);
 

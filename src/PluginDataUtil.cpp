@@ -1,13 +1,10 @@
 #include "PluginDataUtil.h"
 
 #include <dirent.h>
-#include <fcntl.h>
 #include <json/json.h>
 #include <pkgmgr-info.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <exception>
 #include <memory>
 #include <sstream>
@@ -51,27 +48,12 @@ bool IsExtensionDescription(const Json::Value& element) {
   return true;
 }
 
-// A package may put anything under a description file's name: a FIFO would block the read forever and
-// a device would never end, so only a regular file is read, and opening it never waits.
-int OpenDescription(const std::string& path) {
-  PluginFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  struct stat st;
-  if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
-  return file.Release();
-}
-
 // JsonCpp refuses some documents by throwing (nesting deeper than its limit, for one) rather than by
 // reporting an error; either way the file does not parse, and the exception's text is its error.
 bool ParseDescription(int fd, Json::Value& root, std::string& errors) {
   try {
     std::string text;
-    char buffer[64 * 1024];
-    for (;;) {
-      const ssize_t got = read(fd, buffer, sizeof(buffer));
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) break;
-      text.append(buffer, static_cast<size_t>(got));
-    }
+    PluginReadAll(fd, text);  // a read that fails part-way leaves a text that does not parse, as a rule
     std::istringstream in(text);
     Json::CharReaderBuilder builder;
     return Json::parseFromStream(builder, in, &root, &errors);
@@ -197,7 +179,8 @@ bool PluginDataUtil::m_ParseXwalkJsonFile(const std::string& path, PluginDataMap
     PLUGIN_LOG("strPath is empty!");
     return false;
   }
-  PluginFd file(OpenDescription(path));
+  // A package may put anything under a description file's name: only a regular file is read.
+  PluginFd file(PluginOpenRegularForReading(path.c_str()));
   if (!file) {
     PLUGIN_LOG("open %s fail", path.c_str());
     return false;

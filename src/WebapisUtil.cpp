@@ -45,17 +45,8 @@ std::string DocumentText(PluginDataMap& map, void (*add)(Json::Value&, _PluginDa
 
 // The content of a regular file at `path`; false for anything else (a FIFO is never waited on).
 bool ReadRegularFile(const std::string& path, std::string& text) {
-  const PluginFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  struct stat st;
-  if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
-  char buffer[64 * 1024];
-  for (;;) {
-    const ssize_t got = read(file.get(), buffer, sizeof(buffer));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return false;
-    if (got == 0) return true;
-    text.append(buffer, static_cast<size_t>(got));
-  }
+  const PluginFd file(PluginOpenRegularForReading(path.c_str()));
+  return file && PluginReadAll(file.get(), text);
 }
 
 }  // namespace
@@ -88,6 +79,24 @@ bool PluginWriteAll(int fd, const char* data, size_t size) {
     size -= static_cast<size_t>(written);
   }
   return true;
+}
+
+int PluginOpenRegularForReading(const char* path) {
+  PluginFd file(open(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  struct stat st;
+  if (!file || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return -1;
+  return file.Release();
+}
+
+bool PluginReadAll(int fd, std::string& text) {
+  char buffer[64 * 1024];
+  for (;;) {
+    const ssize_t got = read(fd, buffer, sizeof(buffer));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return false;
+    if (got == 0) return true;
+    text.append(buffer, static_cast<size_t>(got));
+  }
 }
 
 void PluginSyncDirectory(const std::string& path) {
