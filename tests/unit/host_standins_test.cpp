@@ -194,6 +194,14 @@ TEST_F(PkgmgrInfoStandIn, MetadataFilterWalksTheApplicationsThatCarryTheKey) {
   EXPECT_THAT(walk("x", 0), ElementsAre("pre", "pre"));
   EXPECT_THAT(walk(nullptr, 1), ElementsAre("inst"));
   EXPECT_EQ(host_pkgmgrinfo_bad_destroys(), 3);
+  const std::string own = Device().root + "/home/owner/packages";  // seen by its user's walks only
+  MakeDirs(own);
+  WriteManifest(own, "mine", "1", {"mine"}, {{"type", "x"}});
+  setenv("TZ_USER_PACKAGES", own.c_str(), 1);
+  EXPECT_THAT(walk("x", 0), ElementsAre("pre", "pre"));
+  setenv("HOST_PKGMGRINFO_UID", "5001", 1);
+  EXPECT_THAT(walk("x", 0), ElementsAre("pre", "pre", "mine"));
+  for (const char* name : {"TZ_USER_PACKAGES", "HOST_PKGMGRINFO_UID"}) unsetenv(name);
 }
 
 // A package installed for one user is seen by that user's processes only, never by root (the installer):

@@ -341,12 +341,15 @@ bool Matches(const MetadataFilter& filter, const std::vector<std::pair<std::stri
   return false;
 }
 
-// Application ids declared with matching metadata in the manifests of both areas, without repeats.
+// Application ids declared with matching metadata in the manifests of every area the caller may see,
+// without repeats.
 std::vector<std::string> CandidateApps(const MetadataFilter& filter) {
   std::vector<std::string> appids;
   std::set<std::string> seen;
   const std::lock_guard<std::mutex> lock(IndexMutex());
-  for (const Area& area : {Writable(), ReadOnly()}) {
+  std::vector<Area> areas = {Writable(), ReadOnly()};
+  if (const std::optional<Area> user = ForUser()) areas.push_back(*user);  // a regular user's own packages
+  for (const Area& area : areas) {
     for (auto& [package, entry] : ManifestsOf(area)) {
       const host::Manifest* manifest = entry.Parsed();
       if (manifest == nullptr) continue;
