@@ -13,7 +13,6 @@
 //
 // The devices are made under DIR (default: /dev/shm when there is one, else /tmp): thousands of small
 // files are copied and removed for every run, which a disk mounted with online discard takes seconds for.
-#include <dlfcn.h>
 #include <sqlite3.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -35,6 +34,7 @@
 #include <vector>
 
 #include "hostkit/layout.h"
+#include "hostkit/plugin_call.h"
 
 namespace fs = std::filesystem;
 
@@ -182,12 +182,8 @@ std::vector<std::string> PluginCall(const std::string& operation, const std::str
 
 // Which build a plug-in library is: the policy name it exports.
 std::string PolicyOf(const std::string& plugin) {
-  void* library = dlopen(plugin.c_str(), RTLD_LAZY | RTLD_LOCAL);
-  if (library == nullptr) throw std::runtime_error(dlerror());
-  const auto* name = static_cast<const char*>(dlsym(library, "WUP_POLICY_NAME"));
-  const std::string policy = name != nullptr ? name : "no policy name";
-  dlclose(library);
-  return policy;
+  const std::string policy = hostkit::PluginLibrary(plugin).PolicyName();
+  return policy.empty() ? "no policy name" : policy;
 }
 
 // ---- the device with N recorded plug-ins ------------------------------------------------------------------

@@ -60,8 +60,8 @@ void* PluginLibrary::Load(const std::string& path, int flags) {
 PluginLibrary::PluginLibrary(const std::string& path, int flags)
     : library_(Load(path, flags)), entries_(library_.get(), path) {}
 
-std::string PluginLibrary::PolicyName() const {
-  const void* name = dlsym(library_.get(), "WUP_POLICY_NAME");
+std::string PolicyName(void* library) {
+  const void* name = library != nullptr ? dlsym(library, "WUP_POLICY_NAME") : nullptr;
   return name != nullptr ? static_cast<const char*>(name) : "";
 }
 

@@ -50,6 +50,10 @@ class EntryPoints {
 // (RTLD_LAZY | RTLD_LOCAL: it resolves the platform calls from the platform libraries, nothing resolves
 // against it) and unloaded when it ends. Throws std::runtime_error with dlerror's text when the library
 // cannot be loaded.
+// Which build of the plug-in a loaded library is ("default", "hardened"): its exported WUP_POLICY_NAME, or
+// "" for a library that does not say (or none).
+std::string PolicyName(void* library);
+
 class PluginLibrary {
  public:
   explicit PluginLibrary(const std::string& path, int flags = RTLD_LAZY | RTLD_LOCAL);
@@ -62,9 +66,7 @@ class PluginLibrary {
     return Call(operation, pkgid.c_str(), appid.c_str(), NodesOf(items));
   }
 
-  // Which build of the plug-in this is ("default", "hardened"): the library's exported WUP_POLICY_NAME,
-  // or "" for a library that does not say.
-  std::string PolicyName() const;
+  std::string PolicyName() const { return hostkit::PolicyName(library_.get()); }
 
  private:
   struct Closer {

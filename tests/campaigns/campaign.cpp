@@ -227,10 +227,9 @@ constexpr int kInstrumentFailed = 3;
 // The build a loaded plug-in library comes from, as it names itself; a library that names none cannot be
 // judged, and stops the run.
 std::string PolicyOf(void* library) {
-  const void* name = library != nullptr ? dlsym(library, "WUP_POLICY_NAME") : nullptr;
-  if (name == nullptr)
-    InstrumentFailed(WUP_PLUGIN_LIBRARY + std::string(" names no build (WUP_POLICY_NAME)"));
-  return static_cast<const char*>(name);
+  const std::string name = hostkit::PolicyName(library);
+  if (name.empty()) InstrumentFailed(WUP_PLUGIN_LIBRARY + std::string(" names no build (WUP_POLICY_NAME)"));
+  return name;
 }
 
 // The notes of a run, "outcome of an aspect at a point", counted by aspect and outcome (with the first point
